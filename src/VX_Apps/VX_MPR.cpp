@@ -1,0 +1,229 @@
+#include "VX_MPR.h"
+
+#include <math.h>
+#include <string.h>
+#include <vector>
+
+#include "VX_ClipBounds.h"
+#include "VX_MPRKernels.h"
+
+using namespace vx_mpr;
+
+namespace {
+
+// Rows of the bounds array kept on the stack; taller images use the heap.
+constexpr int kStackRows = 4096;
+
+// Coordinates beyond this many voxels would not fit 32 bits in 18-bit fixed point.
+constexpr float kGuard = 5000.0f;
+
+// The initial aligned picture: 0x20000 bytes, 256 * 256 values.
+constexpr int kRotatedSide = 256;
+
+}  // namespace
+
+VX_MPR::VX_MPR()
+    : trans(), imageBox(), volData(nullptr), volBox(), output(nullptr), slabThickness(200.0f),
+      interpolation(1), curvedMode(0), rotate(false), multithread(), slabMIP(false), slabMin(false),
+      curvedMMPP(1.0f), noInterrupt(false), boundingRect(), curvedNoFlip(false), rotationAngle(0),
+      rotatedTrans(), rotatedBox(), avgScale(0), slabAxis(0),
+      rotatedBuffer(new short[kRotatedSide * kRotatedSide]), rotatedBufferSide(kRotatedSide)
+{
+}
+
+VX_MPR::~VX_MPR() { delete[] rotatedBuffer; }
+
+void VX_MPR::CalcRaster()
+{
+    VX_Mat savedTrans = trans;
+    VX_Box savedImageBox = imageBox;
+    short* savedOutput = output;
+
+    int W = imageBox.dims[0], H = imageBox.dims[1];
+    if (W > 0 && H > 0) {
+        short fill = (short)volData->GetMinPixelValue();
+        for (size_t i = 0, n = (size_t)W * H; i < n; ++i) output[i] = fill;
+    }
+    if (H <= 0) {
+        boundingRect = VX_Rect();
+        return;
+    }
+
+    alignas(16) short stackBounds[2 * kStackRows];
+    std::vector<short> heapBounds;
+    short* bounds = stackBounds;
+    if (H > kStackRows) {
+        heapBounds.resize(2 * (size_t)H);
+        bounds = heapBounds.data();
+    }
+
+    bool slab = slabThickness > 0;
+    if (slab) {
+        PrepareCBounds(bounds, slabThickness * 0.5f, true);
+        PrepareCBounds(bounds, -slabThickness * 0.5f, false);
+    } else {
+        PrepareCBounds(bounds, 0, true);
+    }
+    boundingRect = computeBoundingRect(W, H, bounds);
+
+    if (slab) {
+        VX_3Vec zvec;
+        int n = CalcZVec(&zvec);
+        CalcImageAvgTriLin(bounds, n, &zvec.x);
+    } else if (interpolation == 0) {
+        CalcImageNN(bounds);
+    } else if (interpolation == 1) {
+        CalcImageTriLin(bounds);
+    }
+
+    trans = savedTrans;
+    imageBox = savedImageBox;
+    output = savedOutput;
+}
+
+VX_Rect VX_MPR::computeBoundingRect(int w, int h, short* bounds)
+{
+    int first = -1, last = -1, minLeft = w, maxRight = -1;
+    for (int j = 0; j < h; ++j) {
+        int l = bounds[2 * j], r = bounds[2 * j + 1];
+        if (l > r) continue;
+        if (first < 0) first = j;
+        last = j;
+        if (l < minLeft) minLeft = l;
+        if (r > maxRight) maxRight = r;
+    }
+    if (first < 0) return VX_Rect();
+    VX_Rect rect(minLeft, first, maxRight - minLeft + 1, last - first + 1);
+    if (rect.w < 1 || rect.h < 1) return VX_Rect();
+    return rect;
+}
+
+// Each face of the volume's unit cube, kept a margin inside it, is moved into
+// image pixel space and clips the rows. Trilinear keeps half a voxel plus a
+// hundredth away from the outer face so that x + 1, y + 1 and z + 1 exist.
+void VX_MPR::PrepareCBounds(short* bounds, float depth, bool reset)
+{
+    int W = imageBox.dims[0], H = imageBox.dims[1];
+    VX_Mat T;
+    T.m[3][2] = depth;
+    VX_Mat C = volBox.GetFromNormTrans() * trans * T * imageBox.GetPhysToIntTrans();
+    for (int i = 0; i < 3; ++i) {
+        float D = (float)volBox.dims[i];
+        float e = 0.01f / D;
+        if (interpolation != 0) e += 0.5f / D;
+
+        VX_3Vec low(0, 0, 0, e);
+        low[i] = -1;
+        low = low.PlaneTransform(C);
+        low.Normalize();
+        VX_ClipBounds(bounds, W, H, &low.x, reset && i == 0);
+
+        VX_3Vec high(0, 0, 0, -(1 - e));
+        high[i] = 1;
+        high = high.PlaneTransform(C);
+        high.Normalize();
+        VX_ClipBounds(bounds, W, H, &high.x, false);
+    }
+}
+
+// B maps image pixels to volume grid coordinates; the start is the centre of
+// pixel (0, 0), optionally counted from voxel centres, and the column and row
+// steps are B's rows 0 and 1, all in 18-bit fixed point (truncated).
+bool VX_MPR::fixedPointFrame(bool shiftHalf, int* start, int* col, int* row)
+{
+    VX_Mat A = volBox.GetIntToPhysTrans() * trans * imageBox.GetPhysToIntTrans();
+    VX_Mat B = A.Inv();
+    VX_3Vec p(0.5f, 0.5f, 0, 0);
+    p *= B;
+    if (shiftHalf) {
+        p.x -= 0.5f;
+        p.y -= 0.5f;
+        p.z -= 0.5f;
+    }
+    if (fabsf(p.x) > kGuard || fabsf(p.y) > kGuard || fabsf(p.z) > kGuard) return false;
+    for (int a = 0; a < 3; ++a) {
+        start[a] = (int)(p[a] * kOne);
+        col[a] = (int)(B.m[0][a] * kOne);
+        row[a] = (int)(B.m[1][a] * kOne);
+    }
+    return true;
+}
+
+void VX_MPR::CalcImageNN(short* bounds)
+{
+    int s[3], c[3], r[3];
+    if (!fixedPointFrame(interpolation == 1, s, c, r)) return;
+    int W = imageBox.dims[0], H = imageBox.dims[1], X = volBox.dims[0];
+    short* const* sl = volData->slices;
+    for (int j = 0; j < H; ++j) {
+        int L = bounds[2 * j], R = bounds[2 * j + 1];
+        if (L > R) continue;
+        int x = stepAt(stepAt(s[0], j, r[0]), L, c[0]);
+        int y = stepAt(stepAt(s[1], j, r[1]), L, c[1]);
+        int z = stepAt(stepAt(s[2], j, r[2]), L, c[2]);
+        short* out = output + (size_t)j * W;
+        for (int i = L; i <= R; ++i) {
+            out[i] = sl[intPart(z)][intPart(x) + intPart(y) * X];
+            x += c[0];
+            y += c[1];
+            z += c[2];
+        }
+    }
+}
+
+namespace {
+
+// One row of the trilinear section.
+void triLinRowRun(short* out, int n, short* const* sl, int X, int x, int y, int z, int dx, int dy,
+                  int dz)
+{
+    for (int i = 0; i < n; ++i) {
+        out[i] = (short)triLin(sl, X, x, y, z);
+        x += dx;
+        y += dy;
+        z += dz;
+    }
+}
+
+}  // namespace
+
+void VX_MPR::CalcImageTriLin(short* bounds)
+{
+    int s[3], c[3], r[3];
+    if (!fixedPointFrame(interpolation == 1, s, c, r)) return;
+    int W = imageBox.dims[0], H = imageBox.dims[1], X = volBox.dims[0];
+    short* const* sl = volData->slices;
+    short* out = output;
+    const int kBlocks = 16;
+#pragma omp parallel for schedule(static)
+    for (int k = 0; k < kBlocks; ++k) {
+        for (int j = H * k / kBlocks; j < H * (k + 1) / kBlocks; ++j) {
+            int L = bounds[2 * j], R = bounds[2 * j + 1];
+            if (L > R) continue;
+            int x = stepAt(stepAt(s[0], j, r[0]), L, c[0]);
+            int y = stepAt(stepAt(s[1], j, r[1]), L, c[1]);
+            int z = stepAt(stepAt(s[2], j, r[2]), L, c[2]);
+            triLinRowRun(out + (size_t)j * W + L, R - L + 1, sl, X, x, y, z, c[0], c[1], c[2]);
+        }
+    }
+}
+
+// The image normal in volume grid units, scaled so that its greatest element
+// (the slab axis) is exactly one step; returns the steps in half the slab.
+int VX_MPR::CalcZVec(VX_3Vec* out)
+{
+    VX_Mat L = trans.Inv();
+    L.ResetTranslation();
+    VX_3Vec a = VX_3Vec(1, 0, 0, 0) * L;
+    VX_3Vec b = VX_3Vec(0, 1, 0, 0) * L;
+    VX_3Vec n = VX_Cross(a, b);
+    n.Normalize();
+    VX_Mat P = volBox.GetPhysToIntTrans();
+    P.ResetTranslation();
+    VX_3Vec v = n * P;
+    slabAxis = v.GreatestElem();
+    float c = v[slabAxis];
+    v *= 1.0f / c;
+    if (out) *out = v;
+    return (int)((slabThickness * 0.5f) / (1.0f / fabsf(c)));
+}

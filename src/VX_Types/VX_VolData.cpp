@@ -1,0 +1,110 @@
+#include "VX_VolData.h"
+
+#include <string.h>
+
+namespace {
+
+// Slice i starts ((i * 179) & 480) * 2 bytes into its block, so that the same
+// (x, y) of neighbouring slices falls into different cache sets.
+inline int sliceStagger(int i) { return ((i * 179) & 480) * 2; }
+
+inline int roundHalfAway(float v) { return (int)(v > 0 ? v + 0.5f : v - 0.5f); }
+
+}  // namespace
+
+VX_VolData::VX_VolData(VX_Box* b)
+    : lowRes(nullptr), box(*b), transposedBox(*b), ownsSlices(false), slices(nullptr),
+      transposedSlices(nullptr), transposedAlloc(nullptr), sliceCount(b->GetZ()), minPixelValue(0),
+      maxPixelValue(0), blankSlice(nullptr), thickness(0), rescaleSlope(1.0f), rescaleIntercept(0)
+{
+    transposedBox.TransposeXY();
+    slices = new short*[sliceCount > 0 ? sliceCount : 0];
+}
+
+VX_VolData::~VX_VolData()
+{
+    Free();
+    delete[] blankSlice;
+}
+
+void VX_VolData::Allocate()
+{
+    ownsSlices = true;
+    size_t bytes = (size_t)box.GetX() * box.GetY() * 2 + 1024;
+    for (int i = 0; i < sliceCount; ++i) {
+        char* block = new char[bytes];
+        slices[i] = reinterpret_cast<short*>(block + sliceStagger(i));
+    }
+}
+
+void VX_VolData::Init()
+{
+    delete[] blankSlice;
+    size_t n = (size_t)box.GetX() * box.GetY();
+    blankSlice = new short[n];
+    memset(blankSlice, 128, n * 2);
+    for (int i = 0; i < sliceCount; ++i) slices[i] = blankSlice;
+}
+
+bool VX_VolData::IsLoaded() const
+{
+    for (int i = 0; i < sliceCount; ++i)
+        if (slices[i] == blankSlice) return false;
+    return true;
+}
+
+void VX_VolData::Free()
+{
+    if (ownsSlices)
+        for (int i = 0; i < sliceCount; ++i)
+            delete[] (reinterpret_cast<char*>(slices[i]) - sliceStagger(i));
+    delete[] slices;
+    slices = nullptr;
+    if (transposedSlices) {
+        for (int i = 0; i < sliceCount; ++i)
+            if (transposedSlices[i] != blankSlice) delete[] transposedAlloc[i];
+        delete[] transposedSlices;
+        delete[] transposedAlloc;
+        transposedSlices = nullptr;
+        transposedAlloc = nullptr;
+    }
+    delete lowRes;
+    lowRes = nullptr;
+}
+
+float VX_VolData::GetThickness() const
+{
+    float z = box.GetSize(2) / (float)box.GetZ();
+    return thickness > z ? thickness : z;
+}
+
+int VX_VolData::RawToHU(int r) const { return roundHalfAway(RawToHU((float)r)); }
+int VX_VolData::HUToRaw(int h) const { return roundHalfAway(HUToRaw((float)h)); }
+
+bool VX_VolData::GetValueAtIntCoords(int* out, VX_3Vec p, int) const
+{
+    int x = (int)p.x, y = (int)p.y, z = (int)p.z;
+    if (x < 0 || y < 0 || z < 0 || x >= box.GetX() || y >= box.GetY() || z >= box.GetZ())
+        return false;
+    *out = slices[z][x + y * box.GetX()];
+    return true;
+}
+
+bool VX_VolData::GetValueAtPhysCoords(int* out, VX_3Vec p, int) const
+{
+    return GetValueAtIntCoords(out, p * box.GetPhysToIntTrans());
+}
+
+void VX_VolData::Transform(VX_Mat const& m) { box.Transform(m); }
+
+VX_VolData* VX_VolData::Clone() const
+{
+    VX_Box b(box);
+    VX_VolData* c = new VX_VolData(&b);
+    for (int i = 0; i < sliceCount && i < c->sliceCount; ++i) c->slices[i] = slices[i];
+    c->rescaleSlope = rescaleSlope;
+    c->rescaleIntercept = rescaleIntercept;
+    c->minPixelValue = minPixelValue;
+    c->maxPixelValue = maxPixelValue;
+    return c;
+}
