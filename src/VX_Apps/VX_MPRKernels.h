@@ -43,10 +43,66 @@ inline int triLinRow(short const* p0, short const* p1, int X, int fx, int fy, in
     return lerp(lo, hi, fz);
 }
 
+// Issues the loads of the trilinear cell at (x, y, z) ahead of use: an oblique
+// plane reaches a new slice every pixel or two, far beyond what the hardware
+// prefetchers follow. Only for points whose cell is inside the volume.
+inline void prefetchCell(short* const* slices, int X, int x, int y, int z)
+{
+    int q = intPart(x) + intPart(y) * X;
+    short const* s0 = slices[intPart(z)] + q;
+    short const* s1 = slices[intPart(z) + 1] + q;
+    __builtin_prefetch(s0);
+    __builtin_prefetch(s0 + X);
+    __builtin_prefetch(s1);
+    __builtin_prefetch(s1 + X);
+}
+
+// Pixels between a prefetch and the sample that uses it.
+constexpr int kPrefetchAhead = 8;
+
 // 32-bit wrap-around stepping: start + k * step, as repeated additions give it.
 inline int stepAt(int start, int k, int step)
 {
     return (int)((uint32_t)start + (uint32_t)k * (uint32_t)step);
+}
+
+// Highest integer part a sample may have on each axis: dims - 1 for nearest
+// neighbour, dims - 2 where the cell's far corner is read too.
+struct GridLimits {
+    int hi[3];
+    GridLimits(int const* dims, int reach)
+    {
+        for (int a = 0; a < 3; ++a) hi[a] = dims[a] - 1 - reach;
+    }
+    bool inside(int x, int y, int z) const
+    {
+        return x >= 0 && y >= 0 && z >= 0 && intPart(x) <= hi[0] && intPart(y) <= hi[1] &&
+               intPart(z) <= hi[2];
+    }
+};
+
+// The last guard of a row: the bounds keep every sample a margin inside the
+// volume, except in a few rounding corners of the clipping rule where a pixel
+// at the very edge survives. Such end pixels are dropped here, so that no read
+// ever leaves the volume. `p` is the row's first sample at column 0, `col` the
+// column step, `ray` the step between the depth samples of a pixel. Samples are
+// linear in the column, so the columns inside form one interval.
+// With planeAxis >= 0 the planes of that axis are counted from the first
+// sample's integer part, one per sample, as the slab average reads them.
+inline void trimRow(int* L, int* R, int const* p, int const* col, int const* ray, int depth,
+                    GridLimits const& lim, int planeAxis = -1)
+{
+    auto ok = [&](int i) {
+        int a[3], b[3];
+        for (int k = 0; k < 3; ++k) {
+            a[k] = stepAt(p[k], i, col[k]);
+            b[k] = stepAt(a[k], depth - 1, ray[k]);
+        }
+        if (planeAxis >= 0 && intPart(a[planeAxis]) + depth - 1 > lim.hi[planeAxis]) return false;
+        return lim.inside(a[0], a[1], a[2]) && lim.inside(b[0], b[1], b[2]);
+    };
+    while (*L <= *R && !ok(*L)) ++*L;
+    while (*R >= *L && !ok(*R)) --*R;
 }
 
 }  // namespace vx_mpr

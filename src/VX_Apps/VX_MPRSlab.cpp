@@ -6,6 +6,8 @@
 
 #include "VX_MPR.h"
 #include "VX_MPRKernels.h"
+#include "VX_MPRKernelsSSE2.h"
+#include "../VX_Types/VX_CPU.h"
 
 using namespace vx_mpr;
 
@@ -153,6 +155,190 @@ void planesLineXZ(short* const* sl, int X, int n, int depth, short* out, int x, 
     }
 }
 
+
+#if defined(__SSE2__)
+// ---- SSE2 twins: four pixels (or rays) at a time, the tail by the rule ----
+
+// The SIMD average keeps its sums in 32-bit lanes.
+constexpr int kMaxVectorDepth = 65535;
+
+inline __m128i maxOrMin32(__m128i a, __m128i b, bool max)
+{
+    __m128i gt = _mm_cmpgt_epi32(a, b);
+    if (!max) gt = _mm_xor_si128(gt, _mm_set1_epi32(-1));   // take b where a <= b
+    return _mm_or_si128(_mm_and_si128(gt, a), _mm_andnot_si128(gt, b));
+}
+
+// Keep equal to averageLine<Axis>.
+template <int Axis>
+void averageLineSSE2(short* const* sl, int X, float avgScale, int n, int depth, short* out, int x,
+                     int y, int z, int sx, int sy, int sz, int dx, int dy, int dz)
+{
+    __m128i sa = _mm_set1_epi32(sx), sb = _mm_set1_epi32(sy), sc = _mm_set1_epi32(sz);
+    __m128i one = _mm_set1_epi32(1);
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        __m128i a = ramp4(stepAt(x, i, dx), dx), b = ramp4(stepAt(y, i, dy), dy);
+        __m128i c = ramp4(stepAt(z, i, dz), dz);
+        __m128i axisCoord = Axis == 0 ? a : Axis == 1 ? b : c;
+        __m128i plane = _mm_srai_epi32(axisCoord, kFracBits);
+        __m128i lo = _mm_setzero_si128(), hi = _mm_setzero_si128();
+        alignas(16) int q[4], pl[4], iz[4];
+        for (int k = 0; k < depth; ++k) {
+            int l0[4], l1[4], h0[4], h1[4];
+            if (Axis == 2) {
+                _mm_store_si128((__m128i*)q, _mm_add_epi32(_mm_srai_epi32(a, kFracBits),
+                                                           rowOffsets(_mm_srai_epi32(b, kFracBits), X)));
+                _mm_store_si128((__m128i*)pl, plane);
+                for (int l = 0; l < 4; ++l) {
+                    short const* p0 = sl[pl[l]] + q[l];
+                    short const* p1 = sl[pl[l] + 1] + q[l];
+                    l0[l] = load2(p0);
+                    l1[l] = load2(p0 + X);
+                    h0[l] = load2(p1);
+                    h1[l] = load2(p1 + X);
+                }
+                __m128i wx = pairWeights(weights4(a)), wy = pairWeights(weights4(b));
+                lo = _mm_add_epi32(lo, lerp4(lerpPairs(gather4(l0[0], l0[1], l0[2], l0[3]), wx),
+                                             lerpPairs(gather4(l1[0], l1[1], l1[2], l1[3]), wx), wy));
+                hi = _mm_add_epi32(hi, lerp4(lerpPairs(gather4(h0[0], h0[1], h0[2], h0[3]), wx),
+                                             lerpPairs(gather4(h1[0], h1[1], h1[2], h1[3]), wx), wy));
+            } else if (Axis == 1) {
+                _mm_store_si128((__m128i*)q, _mm_add_epi32(_mm_srai_epi32(a, kFracBits), rowOffsets(plane, X)));
+                _mm_store_si128((__m128i*)iz, _mm_srai_epi32(c, kFracBits));
+                for (int l = 0; l < 4; ++l) {
+                    short const* p0 = sl[iz[l]] + q[l];
+                    short const* p1 = sl[iz[l] + 1] + q[l];
+                    l0[l] = load2(p0);
+                    l1[l] = load2(p1);
+                    h0[l] = load2(p0 + X);
+                    h1[l] = load2(p1 + X);
+                }
+                __m128i wx = pairWeights(weights4(a)), wz = pairWeights(weights4(c));
+                lo = _mm_add_epi32(lo, lerp4(lerpPairs(gather4(l0[0], l0[1], l0[2], l0[3]), wx),
+                                             lerpPairs(gather4(l1[0], l1[1], l1[2], l1[3]), wx), wz));
+                hi = _mm_add_epi32(hi, lerp4(lerpPairs(gather4(h0[0], h0[1], h0[2], h0[3]), wx),
+                                             lerpPairs(gather4(h1[0], h1[1], h1[2], h1[3]), wx), wz));
+            } else {
+                _mm_store_si128((__m128i*)q, _mm_add_epi32(plane, rowOffsets(_mm_srai_epi32(b, kFracBits), X)));
+                _mm_store_si128((__m128i*)iz, _mm_srai_epi32(c, kFracBits));
+                for (int l = 0; l < 4; ++l) {
+                    short const* p0 = sl[iz[l]] + q[l];
+                    short const* p1 = sl[iz[l] + 1] + q[l];
+                    // pairs along y: (p[0], p[X]) and, a plane further, (p[1], p[X + 1])
+                    l0[l] = (unsigned short)p0[0] | (int)((unsigned)(unsigned short)p0[X] << 16);
+                    l1[l] = (unsigned short)p1[0] | (int)((unsigned)(unsigned short)p1[X] << 16);
+                    h0[l] = (unsigned short)p0[1] | (int)((unsigned)(unsigned short)p0[X + 1] << 16);
+                    h1[l] = (unsigned short)p1[1] | (int)((unsigned)(unsigned short)p1[X + 1] << 16);
+                }
+                __m128i wy = pairWeights(weights4(b)), wz = pairWeights(weights4(c));
+                lo = _mm_add_epi32(lo, lerp4(lerpPairs(gather4(l0[0], l0[1], l0[2], l0[3]), wy),
+                                             lerpPairs(gather4(l1[0], l1[1], l1[2], l1[3]), wy), wz));
+                hi = _mm_add_epi32(hi, lerp4(lerpPairs(gather4(h0[0], h0[1], h0[2], h0[3]), wy),
+                                             lerpPairs(gather4(h1[0], h1[1], h1[2], h1[3]), wy), wz));
+            }
+            a = _mm_add_epi32(a, sa);
+            b = _mm_add_epi32(b, sb);
+            c = _mm_add_epi32(c, sc);
+            plane = _mm_add_epi32(plane, one);
+        }
+        alignas(16) int los[4], his[4], fs[4];
+        _mm_store_si128((__m128i*)los, lo);
+        _mm_store_si128((__m128i*)his, hi);
+        _mm_store_si128((__m128i*)fs, weights4(axisCoord));
+        for (int l = 0; l < 4; ++l) {
+            int64_t v = los[l] + ((fs[l] * (int64_t)(his[l] - (int64_t)los[l])) >> kWeightBits);
+            out[i + l] = (short)(int)((float)v * avgScale);
+        }
+    }
+    averageLine<Axis>(sl, X, avgScale, n - i, depth, out + i, stepAt(x, i, dx), stepAt(y, i, dy),
+                      stepAt(z, i, dz), sx, sy, sz, dx, dy, dz);
+}
+
+// Keep equal to raysLine<Max>; depth >= 1.
+template <bool Max>
+void raysLineSSE2(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z, int sx,
+                  int sy, int sz, int dx, int dy, int dz)
+{
+    __m128i sa = _mm_set1_epi32(sx), sb = _mm_set1_epi32(sy), sc = _mm_set1_epi32(sz);
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        __m128i a = ramp4(stepAt(x, i, dx), dx), b = ramp4(stepAt(y, i, dy), dy);
+        __m128i c = ramp4(stepAt(z, i, dz), dz);
+        __m128i m = _mm_set1_epi32(Max ? kRayMaxStart : kRayMinStart);
+        for (int k = 0; k < depth; ++k) {
+            m = maxOrMin32(m, triLin4(sl, X, a, b, c), Max);
+            a = _mm_add_epi32(a, sa);
+            b = _mm_add_epi32(b, sb);
+            c = _mm_add_epi32(c, sc);
+        }
+        store4(out + i, m);
+    }
+    raysLine<Max>(sl, X, n - i, depth, out + i, stepAt(x, i, dx), stepAt(y, i, dy), stepAt(z, i, dz),
+                  sx, sy, sz, dx, dy, dz);
+}
+
+inline __m128i extreme16(__m128i a, __m128i b, bool max)
+{
+    return max ? _mm_max_epi16(a, b) : _mm_min_epi16(a, b);
+}
+
+// Keep equal to planesLine<Max>, planesLineXY<Max> and planesLineXZ<Max>:
+// Hold says which coordinate stays fixed along the line (1 y, 2 z, -1 none).
+template <bool Max, int Hold>
+void planesLineSSE2(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
+                    int sx, int sy, int sz, int dx, int dy, int dz)
+{
+    fillStart<Max>(out, n);
+    int tail = n & ~3;
+    __m128i step4[3] = {_mm_set1_epi32(4 * dx), _mm_set1_epi32(Hold == 1 ? 0 : 4 * dy),
+                        _mm_set1_epi32(Hold == 2 ? 0 : 4 * dz)};
+    for (int k = 0; k < depth; ++k, x += sx, y += sy, z += sz) {
+        __m128i a = ramp4(x, dx);
+        __m128i b = Hold == 1 ? _mm_set1_epi32(y) : ramp4(y, dy);
+        __m128i c = Hold == 2 ? _mm_set1_epi32(z) : ramp4(z, dz);
+        for (int i = 0; i < tail; i += 4) {
+            __m128i v = triLin4(sl, X, a, b, c);
+            _mm_storel_epi64((__m128i*)(out + i), extreme16(load4(out + i), _mm_packs_epi32(v, v), Max));
+            a = _mm_add_epi32(a, step4[0]);
+            b = _mm_add_epi32(b, step4[1]);
+            c = _mm_add_epi32(c, step4[2]);
+        }
+        int ta = stepAt(x, tail, dx);
+        int tb = Hold == 1 ? y : stepAt(y, tail, dy);
+        int tc = Hold == 2 ? z : stepAt(z, tail, dz);
+        for (int i = tail; i < n; ++i) {
+            out[i] = (short)extreme<Max>(out[i], triLin(sl, X, ta, tb, tc));
+            ta += dx;
+            if (Hold != 1) tb += dy;
+            if (Hold != 2) tc += dz;
+        }
+    }
+}
+#endif
+
+inline bool useVectors(int X)
+{
+#if defined(__SSE2__)
+    return (VX_CPU_ID() & VX_CPU_SSE2) && X <= kMaxVectorX;
+#else
+    (void)X;
+    return false;
+#endif
+}
+
+// The average of one line along Axis, by the vector form where it applies.
+template <int Axis>
+void averageDispatch(short* const* sl, int X, float avgScale, int n, int depth, short* out, int x,
+                     int y, int z, int sx, int sy, int sz, int dx, int dy, int dz)
+{
+#if defined(__SSE2__)
+    if (useVectors(X) && depth <= kMaxVectorDepth)
+        return averageLineSSE2<Axis>(sl, X, avgScale, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+#endif
+    averageLine<Axis>(sl, X, avgScale, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+}
+
 // The dispatch by memory walk: rays that run mostly along x are walked whole;
 // otherwise a whole line is taken per sample step, with the row or the slice
 // pair hoisted when it is constant along the line.
@@ -161,6 +347,19 @@ void dispatchLine(short* const* sl, int X, int n, int depth, short* out, int x, 
                   int sx, int sy, int sz, int dx, int dy, int dz)
 {
     if (n < 1) return;
+#if defined(__SSE2__)
+    if (useVectors(X) && depth >= 1) {
+        if (abs(sx) > kRayMajorStep)
+            raysLineSSE2<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+        else if (abs(dy) < kFlatStep)
+            planesLineSSE2<Max, 1>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, 0, dz);
+        else if (abs(dz) < kFlatStep)
+            planesLineSSE2<Max, 2>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, 0);
+        else
+            planesLineSSE2<Max, -1>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+        return;
+    }
+#endif
     if (abs(sx) > kRayMajorStep)
         raysLine<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
     else if (abs(dy) < kFlatStep)
@@ -236,6 +435,8 @@ void VX_MPR::CalcImageAvgTriLin(short* bounds, int n, float* zvec)
         st[a] = stepAt(st[a], -n, s[a]);   // the ray is centred on the plane
     }
     int W = imageBox.dims[0], H = imageBox.dims[1];
+    GridLimits lim(volBox.dims, 1);
+    int planeAxis = slabMIP || slabMin ? -1 : slabAxis;
     bool poll = !rotate && !noInterrupt;
     std::atomic<bool> interrupted{false};
 #pragma omp parallel for schedule(static)
@@ -246,9 +447,10 @@ void VX_MPR::CalcImageAvgTriLin(short* bounds, int n, float* zvec)
         for (int j = H * k / kSlabBlocks; j < H * (k + 1) / kSlabBlocks; ++j) {
             int L = bounds[2 * j], R = bounds[2 * j + 1];
             if (R - L + 1 < 1) continue;
-            int x = stepAt(stepAt(st[0], j, r[0]), L, c[0]);
-            int y = stepAt(stepAt(st[1], j, r[1]), L, c[1]);
-            int z = stepAt(stepAt(st[2], j, r[2]), L, c[2]);
+            int p[3] = {stepAt(st[0], j, r[0]), stepAt(st[1], j, r[1]), stepAt(st[2], j, r[2])};
+            trimRow(&L, &R, p, c, s, depth, lim, planeAxis);
+            if (R - L + 1 < 1) continue;
+            int x = stepAt(p[0], L, c[0]), y = stepAt(p[1], L, c[1]), z = stepAt(p[2], L, c[2]);
             short* out = output + (size_t)j * W + L;
             if (slabMIP)
                 CalcLineMIP(R - L + 1, depth, out, x, y, z, s[0], s[1], s[2], c[0], c[1], c[2]);
@@ -281,27 +483,27 @@ void VX_MPR::CalcLine(VX_LINE_PARAMS)
 
 void VX_MPR::CalcLineX(VX_LINE_PARAMS)
 {
-    averageLine<0>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<0>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineY(VX_LINE_PARAMS)
 {
-    averageLine<1>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<1>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineYp4(VX_LINE_PARAMS)
 {
-    averageLine<1>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<1>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineZ(VX_LINE_PARAMS)
 {
-    averageLine<2>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<2>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineZMIP(VX_LINE_PARAMS)
 {
-    averageLine<2>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<2>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineMIP(VX_LINE_PARAMS)

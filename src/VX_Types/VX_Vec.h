@@ -56,7 +56,7 @@ public:
     float x, y, z, w;
 
     VX_3Vec() : x(0), y(0), z(0), w(0) {}
-    VX_3Vec(float x_, float y_, float z_, float w_) : x(x_), y(y_), z(z_), w(w_) {}
+    VX_3Vec(float x_, float y_, float z_, float w_ = 0) : x(x_), y(y_), z(z_), w(w_) {}
     explicit VX_3Vec(float const* v) : x(v[0]), y(v[1]), z(v[2]), w(v[3]) {}
     VX_3Vec(VX_3Vec const& o) = default;
     // Unit vector along axis i for 0 <= i < 4; the zero vector otherwise.

@@ -1,6 +1,8 @@
 #include "VX_VolData.h"
 
+#include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 
 namespace {
 
@@ -27,14 +29,26 @@ VX_VolData::~VX_VolData()
     delete[] blankSlice;
 }
 
+// Every slice gets X * Y * 2 + 1024 bytes of its own, cut from one block that
+// is aligned for huge pages where the system offers them: an oblique plane
+// touches hundreds of slices per row, and small pages would thrash the TLB.
 void VX_VolData::Allocate()
 {
     ownsSlices = true;
-    size_t bytes = (size_t)box.GetX() * box.GetY() * 2 + 1024;
-    for (int i = 0; i < sliceCount; ++i) {
-        char* block = new char[bytes];
-        slices[i] = reinterpret_cast<short*>(block + sliceStagger(i));
+    size_t bytes = ((size_t)box.GetX() * box.GetY() * 2 + 1024 + 63) & ~(size_t)63;
+    size_t total = bytes * (size_t)(sliceCount > 0 ? sliceCount : 0);
+    const size_t kHuge = (size_t)1 << 21;
+    if (total >= kHuge) {
+        total = (total + kHuge - 1) & ~(kHuge - 1);
+        sliceArena = static_cast<char*>(aligned_alloc(kHuge, total));
+#ifdef MADV_HUGEPAGE
+        madvise(sliceArena, total, MADV_HUGEPAGE);
+#endif
+    } else {
+        sliceArena = static_cast<char*>(malloc(total > 0 ? total : 1));
     }
+    for (int i = 0; i < sliceCount; ++i)
+        slices[i] = reinterpret_cast<short*>(sliceArena + (size_t)i * bytes + sliceStagger(i));
 }
 
 void VX_VolData::Init()
@@ -55,9 +69,14 @@ bool VX_VolData::IsLoaded() const
 
 void VX_VolData::Free()
 {
-    if (ownsSlices)
-        for (int i = 0; i < sliceCount; ++i)
-            delete[] (reinterpret_cast<char*>(slices[i]) - sliceStagger(i));
+    if (ownsSlices) {
+        if (sliceArena)
+            free(sliceArena);
+        else
+            for (int i = 0; i < sliceCount; ++i)
+                delete[] (reinterpret_cast<char*>(slices[i]) - sliceStagger(i));
+        sliceArena = nullptr;
+    }
     delete[] slices;
     slices = nullptr;
     if (transposedSlices) {

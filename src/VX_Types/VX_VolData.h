@@ -68,6 +68,11 @@ public:
 
 protected:
     void Free();
+
+private:
+    // One block behind every slice made by Allocate, or null when each slice
+    // was allocated on its own.
+    char* sliceArena = nullptr;
 };
 
 #endif
