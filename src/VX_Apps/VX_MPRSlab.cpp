@@ -225,17 +225,24 @@ void averageLineSSE2(short* const* sl, int X, float avgScale, int n, int depth, 
                 for (int l = 0; l < 4; ++l) {
                     short const* p0 = sl[iz[l]] + q[l];
                     short const* p1 = sl[iz[l] + 1] + q[l];
-                    // pairs along y: (p[0], p[X]) and, a plane further, (p[1], p[X + 1])
-                    l0[l] = (unsigned short)p0[0] | (int)((unsigned)(unsigned short)p0[X] << 16);
-                    l1[l] = (unsigned short)p1[0] | (int)((unsigned)(unsigned short)p1[X] << 16);
-                    h0[l] = (unsigned short)p0[1] | (int)((unsigned)(unsigned short)p0[X + 1] << 16);
-                    h1[l] = (unsigned short)p1[1] | (int)((unsigned)(unsigned short)p1[X + 1] << 16);
+                    // (plane, plane + 1) at rows y and y + 1 of both slices
+                    l0[l] = load2(p0);
+                    l1[l] = load2(p0 + X);
+                    h0[l] = load2(p1);
+                    h1[l] = load2(p1 + X);
                 }
+                // Regroup into pairs along y: the low halves are this plane,
+                // the high halves the next one.
+                __m128i r0 = gather4(l0[0], l0[1], l0[2], l0[3]), r1 = gather4(l1[0], l1[1], l1[2], l1[3]);
+                __m128i t0 = gather4(h0[0], h0[1], h0[2], h0[3]), t1 = gather4(h1[0], h1[1], h1[2], h1[3]);
+                __m128i low = _mm_set1_epi32(0xFFFF), high = _mm_set1_epi32((int)0xFFFF0000u);
                 __m128i wy = pairWeights(weights4(b)), wz = pairWeights(weights4(c));
-                lo = _mm_add_epi32(lo, lerp4(lerpPairs(gather4(l0[0], l0[1], l0[2], l0[3]), wy),
-                                             lerpPairs(gather4(l1[0], l1[1], l1[2], l1[3]), wy), wz));
-                hi = _mm_add_epi32(hi, lerp4(lerpPairs(gather4(h0[0], h0[1], h0[2], h0[3]), wy),
-                                             lerpPairs(gather4(h1[0], h1[1], h1[2], h1[3]), wy), wz));
+                __m128i loZ0 = _mm_or_si128(_mm_and_si128(r0, low), _mm_slli_epi32(r1, 16));
+                __m128i loZ1 = _mm_or_si128(_mm_and_si128(t0, low), _mm_slli_epi32(t1, 16));
+                __m128i hiZ0 = _mm_or_si128(_mm_srli_epi32(r0, 16), _mm_and_si128(r1, high));
+                __m128i hiZ1 = _mm_or_si128(_mm_srli_epi32(t0, 16), _mm_and_si128(t1, high));
+                lo = _mm_add_epi32(lo, lerp4(lerpPairs(loZ0, wy), lerpPairs(loZ1, wy), wz));
+                hi = _mm_add_epi32(hi, lerp4(lerpPairs(hiZ0, wy), lerpPairs(hiZ1, wy), wz));
             }
             a = _mm_add_epi32(a, sa);
             b = _mm_add_epi32(b, sb);
@@ -373,7 +380,7 @@ void dispatchLine(short* const* sl, int X, int n, int depth, short* out, int x, 
 // Axis-snapped: each ray's start moves onto the next grid plane of axis M in
 // the ray's direction, then a sample is one bilinear over the other two axes.
 // f = ((c >> 3) & 0x7FFF) >> 4 is the start's fraction in 11 bits; g is f or
-// f ^ 2047 by the direction test; the other axes move by (g * step) >> 11 and
+// f ^ 2047 by the ray's direction (g = f when sm < 1); the other axes move by (g * step) >> 11 and
 // the plane index is b = (c + ((g * sm) >> 11) + 63) >> 18, then b + k or b - k.
 template <bool Max, int M>
 void snappedLine(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
@@ -381,7 +388,7 @@ void snappedLine(short* const* sl, int X, int n, int depth, short* out, int x, i
 {
     int s[3] = {sx, sy, sz};
     int sm = s[M];
-    bool towardLow = M == 2 ? sz > 0 : sm < 1;
+    bool towardLow = sm < 1;
     for (int i = 0; i < n; ++i, x += dx, y += dy, z += dz) {
         int p[3] = {x, y, z};
         int c = p[M];
