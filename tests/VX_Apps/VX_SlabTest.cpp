@@ -65,13 +65,20 @@ protected:
         }
         return r;
     }
+    // The kernel on the scalar paths, then on the vector paths, which must agree.
     std::vector<short> RunLine(Kernel k, Ray const& r)
     {
-        std::vector<short> o(r.n + 1, 777);
-        (mpr.*k)(r.n, r.depth, o.data(), r.p[0], r.p[1], r.p[2], r.s[0], r.s[1], r.s[2], r.d[0], r.d[1], r.d[2]);
-        EXPECT_EQ(o.back(), 777) << "written past n";
-        o.pop_back();
-        return o;
+        std::vector<short> o[2];
+        for (int path = 0; path < 2; ++path) {
+            VX_SetCPUIDMask(path ? -1 : 0);
+            o[path].assign(r.n + 1, 777);
+            (mpr.*k)(r.n, r.depth, o[path].data(), r.p[0], r.p[1], r.p[2], r.s[0], r.s[1], r.s[2], r.d[0], r.d[1],
+                     r.d[2]);
+            EXPECT_EQ(o[path].back(), 777) << "written past n";
+            o[path].pop_back();
+        }
+        vxref::ExpectSamePaths(o[1], o[0]);
+        return o[1];
     }
 };
 
