@@ -58,7 +58,7 @@ inline void prefetchCell(short* const* slices, int X, int x, int y, int z)
 }
 
 // Pixels between a prefetch and the sample that uses it.
-constexpr int kPrefetchAhead = 8;
+constexpr int kPrefetchAhead = 48;
 
 // 32-bit wrap-around stepping: start + k * step, as repeated additions give it.
 inline int stepAt(int start, int k, int step)
