@@ -199,14 +199,14 @@ private:
     }
 
     bool unicodeEscape(std::string* s) {
-        unsigned cp;
+        unsigned cp = 0;
         if (!hex4(&cp))
             return false;
         if (cp >= 0xD800 && cp <= 0xDBFF) {
             if (peek() != '\\' || pos + 1 >= text.size() || text[pos + 1] != 'u')
                 return fail("unpaired surrogate in \\u escape");
             pos += 2;
-            unsigned lo;
+            unsigned lo = 0;
             if (!hex4(&lo))
                 return false;
             if (lo < 0xDC00 || lo > 0xDFFF)
