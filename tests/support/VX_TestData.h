@@ -3,7 +3,11 @@
 
 // Small synthetic boxes and volumes for the unit tests. Header-only.
 
+#include <gtest/gtest.h>
+
 #include <memory>
+#include <random>
+#include <string>
 
 #include "VX_Types/VX_VolData.h"
 
@@ -20,10 +24,7 @@ inline VX_Box MakeBox(int X, int Y, int Z, float sx = 1.0f, float sy = 1.0f, flo
 }
 
 // Voxel (x, y, z) of a volume whose slices are in place.
-inline short& Voxel(VX_VolData& v, int x, int y, int z)
-{
-    return v.slices[z][x + y * v.box.GetX()];
-}
+inline short& Voxel(VX_VolData& v, int x, int y, int z) { return v.slices[z][x + y * v.box.GetX()]; }
 
 // Sets every voxel (x, y, z) to (short)f(x, y, z).
 template <class F>
@@ -31,8 +32,7 @@ void FillVolume(VX_VolData& v, F f)
 {
     for (int z = 0; z < v.box.GetZ(); ++z)
         for (int y = 0; y < v.box.GetY(); ++y)
-            for (int x = 0; x < v.box.GetX(); ++x)
-                Voxel(v, x, y, z) = (short)f(x, y, z);
+            for (int x = 0; x < v.box.GetX(); ++x) Voxel(v, x, y, z) = (short)f(x, y, z);
 }
 
 // A volume on `box` with its own (Allocate) slices, filled by f(x, y, z).
@@ -43,6 +43,25 @@ std::unique_ptr<VX_VolData> MakeVolume(VX_Box box, F f)
     v->Allocate();
     FillVolume(*v, f);
     return v;
+}
+
+// Random voxels, one in five at -32768 or 32767.
+inline std::unique_ptr<VX_VolData> RandomVolume(VX_Box box, std::mt19937& rng)
+{
+    std::uniform_int_distribution<int> val(-32768, 32767), pick(0, 9);
+    return MakeVolume(box, [&](int, int, int) {
+        int p = pick(rng);
+        return p == 0 ? -32768 : p == 1 ? 32767 : val(rng);
+    });
+}
+
+// What f prints on standard output.
+template <class F>
+std::string Captured(F f)
+{
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
 }
 
 }  // namespace vxtest
