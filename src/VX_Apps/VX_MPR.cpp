@@ -151,55 +151,25 @@ bool VX_MPR::fixedPointFrame(bool shiftHalf, int* start, int* col, int* row)
     return true;
 }
 
-// Rows are sampled in blocks on several threads, like the trilinear section;
-// each pixel is the same as in one sequential pass.
-void VX_MPR::CalcImageNN(short* bounds)
-{
-    int s[3], c[3], r[3];
-    if (!fixedPointFrame(interpolation == 1, s, c, r)) return;
-    int W = imageBox.dims[0], H = imageBox.dims[1], X = volBox.dims[0];
-    short* const* sl = volData->slices;
-    short* image = output;
-    GridLimits lim(volBox.dims, 0);
-    const int kBlocks = 16;
-#pragma omp parallel for schedule(static)
-    for (int k = 0; k < kBlocks; ++k) {
-        const int still[3] = {0, 0, 0};
-        for (int j = H * k / kBlocks; j < H * (k + 1) / kBlocks; ++j) {
-            int L = bounds[2 * j], R = bounds[2 * j + 1];
-            if (L > R) continue;
-            int p[3] = {stepAt(s[0], j, r[0]), stepAt(s[1], j, r[1]), stepAt(s[2], j, r[2])};
-            trimRow(&L, &R, p, c, still, 1, lim);
-            int x = stepAt(p[0], L, c[0]), y = stepAt(p[1], L, c[1]), z = stepAt(p[2], L, c[2]);
-            int px = stepAt(x, kPrefetchAhead, c[0]), py = stepAt(y, kPrefetchAhead, c[1]);
-            int pz = stepAt(z, kPrefetchAhead, c[2]);
-            short* out = image + (size_t)j * W;
-            for (int i = L; i <= R; ++i) {
-                if (i + kPrefetchAhead <= R)
-                    __builtin_prefetch(sl[intPart(pz)] + intPart(px) + intPart(py) * X);
-                out[i] = sl[intPart(z)][intPart(x) + intPart(y) * X];
-                x += c[0];
-                y += c[1];
-                z += c[2];
-                px += c[0];
-                py += c[1];
-                pz += c[2];
-            }
-        }
-    }
-}
-
 namespace {
 
-// One row of the trilinear section, the scalar rule.
-void triLinRowRef(short* out, int n, short* const* sl, int X, int x, int y, int z, int dx, int dy,
-                  int dz)
+// One row of a single section by the scalar rule: a nearest-neighbour pixel
+// is the voxel holding its point (the integer parts of the three coordinates),
+// a trilinear one the triLin of its point.
+template <bool Nearest>
+void sectionRowRef(short* out, int n, short* const* sl, int X, int x, int y, int z, int dx, int dy,
+                   int dz)
 {
     int px = stepAt(x, kPrefetchAhead, dx), py = stepAt(y, kPrefetchAhead, dy);
     int pz = stepAt(z, kPrefetchAhead, dz);
     for (int i = 0; i < n; ++i) {
-        if (i + kPrefetchAhead < n) prefetchCell(sl, X, px, py, pz);
-        out[i] = (short)triLin(sl, X, x, y, z);
+        if (i + kPrefetchAhead < n) {
+            if (Nearest)
+                __builtin_prefetch(sl[intPart(pz)] + intPart(px) + intPart(py) * X);
+            else
+                prefetchCell(sl, X, px, py, pz);
+        }
+        out[i] = Nearest ? sl[intPart(z)][intPart(x) + intPart(y) * X] : (short)triLin(sl, X, x, y, z);
         x += dx;
         y += dy;
         z += dz;
@@ -210,7 +180,7 @@ void triLinRowRef(short* out, int n, short* const* sl, int X, int x, int y, int 
 }
 
 #if defined(__SSE2__)
-// Keep equal to triLinRowRef: four pixels at a time, the tail by the rule.
+// Keep equal to sectionRowRef<false>: four pixels at a time, the tail by the rule.
 void triLinRowSSE2(short* out, int n, short* const* sl, int X, int x, int y, int z, int dx, int dy,
                    int dz)
 {
@@ -218,41 +188,32 @@ void triLinRowSSE2(short* out, int n, short* const* sl, int X, int x, int y, int
     __m128i sx4 = _mm_set1_epi32(4 * dx), sy4 = _mm_set1_epi32(4 * dy), sz4 = _mm_set1_epi32(4 * dz);
     int i = 0;
     for (; i + 4 <= n; i += 4) {
-        int ahead = i + 4 + kPrefetchAhead;
-        if (ahead < n)
+        // Every pixel's cell: four pixels may span two slices or more.
+        for (int l = 0, ahead = i + kPrefetchAhead; l < 4 && ahead < n; ++l, ++ahead)
             prefetchCell(sl, X, stepAt(x, ahead, dx), stepAt(y, ahead, dy), stepAt(z, ahead, dz));
         store4(out + i, triLin4(sl, X, vx, vy, vz));
         vx = _mm_add_epi32(vx, sx4);
         vy = _mm_add_epi32(vy, sy4);
         vz = _mm_add_epi32(vz, sz4);
     }
-    triLinRowRef(out + i, n - i, sl, X, stepAt(x, i, dx), stepAt(y, i, dy), stepAt(z, i, dz), dx, dy,
+    sectionRowRef<false>(out + i, n - i, sl, X, stepAt(x, i, dx), stepAt(y, i, dy), stepAt(z, i, dz), dx, dy,
                  dz);
 }
 #endif
 
-using TriLinRow = void (*)(short*, int, short* const*, int, int, int, int, int, int, int);
-
-TriLinRow pickTriLinRow(int X)
-{
-#if defined(__SSE2__)
-    if ((VX_CPU_ID() & VX_CPU_SSE2) && X <= kMaxVectorX) return triLinRowSSE2;
-#endif
-    (void)X;
-    return triLinRowRef;
-}
-
 }  // namespace
 
-void VX_MPR::CalcImageTriLin(short* bounds)
+// The rows of a single section, in 16 fixed blocks on the OpenMP team. Each
+// thread writes only its rows, and each pixel is the same as in one sequential
+// pass. `reach` is how far beyond a sample's voxel the row kernel reads.
+void VX_MPR::sampleSection(short* bounds, int reach, SectionRow row)
 {
     int s[3], c[3], r[3];
     if (!fixedPointFrame(interpolation == 1, s, c, r)) return;
     int W = imageBox.dims[0], H = imageBox.dims[1], X = volBox.dims[0];
     short* const* sl = volData->slices;
     short* out = output;
-    GridLimits lim(volBox.dims, 1);
-    TriLinRow row = pickTriLinRow(X);
+    GridLimits lim(volBox.dims, reach);
     const int kBlocks = 16;
 #pragma omp parallel for schedule(static)
     for (int k = 0; k < kBlocks; ++k) {
@@ -267,6 +228,17 @@ void VX_MPR::CalcImageTriLin(short* bounds)
                 stepAt(p[2], L, c[2]), c[0], c[1], c[2]);
         }
     }
+}
+
+void VX_MPR::CalcImageNN(short* bounds) { sampleSection(bounds, 0, sectionRowRef<true>); }
+
+void VX_MPR::CalcImageTriLin(short* bounds)
+{
+#if defined(__SSE2__)
+    if ((VX_CPU_ID() & VX_CPU_SSE2) && volBox.dims[0] <= kMaxVectorX)
+        return sampleSection(bounds, 1, triLinRowSSE2);
+#endif
+    sampleSection(bounds, 1, sectionRowRef<false>);
 }
 
 // The image normal in volume grid units, scaled so that its greatest element

@@ -119,8 +119,14 @@ public:
                           int dx, int dy, int dz);
 
 private:
+    // A row kernel of a single section: n pixels from out, the first at
+    // (x, y, z), each next one (dx, dy, dz) further, in 18-bit fixed point.
+    using SectionRow = void (*)(short* out, int n, short* const* slices, int X, int x, int y, int z,
+                                int dx, int dy, int dz);
+
     // Fixed-point start and steps of pixel (0, 0); false when the guard fails.
     bool fixedPointFrame(bool shiftHalf, int* start, int* col, int* row);
+    void sampleSection(short* bounds, int reach, SectionRow row);
 };
 
 #endif

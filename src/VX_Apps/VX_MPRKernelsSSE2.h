@@ -53,30 +53,45 @@ inline __m128i rowOffsets(__m128i iy, int X) { return _mm_madd_epi16(iy, _mm_set
 // Four lanes from four scalars.
 inline __m128i gather4(int a, int b, int c, int d) { return _mm_setr_epi32(a, b, c, d); }
 
-// Trilinear of triLin at four points. x, y, z hold 18-bit fixed point.
-inline __m128i triLin4(short* const* slices, int X, __m128i x, __m128i y, __m128i z)
+// The corners of four cells: rows q and q + X of slices iz and iz + 1, each
+// lane holding a voxel and its neighbour along x as one pair.
+struct Cells4 {
+    __m128i s0r0, s0r1, s1r0, s1r1;
+};
+
+inline Cells4 loadCells4(short* const* slices, int X, __m128i q, __m128i iz)
 {
-    alignas(16) int q[4], iz[4];
-    _mm_store_si128((__m128i*)q,
-                    _mm_add_epi32(_mm_srai_epi32(x, kFracBits), rowOffsets(_mm_srai_epi32(y, kFracBits), X)));
-    _mm_store_si128((__m128i*)iz, _mm_srai_epi32(z, kFracBits));
+    alignas(16) int qa[4], za[4];
+    _mm_store_si128((__m128i*)qa, q);
+    _mm_store_si128((__m128i*)za, iz);
     int a0[4], b0[4], a1[4], b1[4];
     for (int l = 0; l < 4; ++l) {
-        short const* p0 = slices[iz[l]] + q[l];
-        short const* p1 = slices[iz[l] + 1] + q[l];
+        short const* p0 = slices[za[l]] + qa[l];
+        short const* p1 = slices[za[l] + 1] + qa[l];
         a0[l] = load2(p0);
         b0[l] = load2(p0 + X);
         a1[l] = load2(p1);
         b1[l] = load2(p1 + X);
     }
-    __m128i wx = pairWeights(weights4(x));
-    __m128i wy = pairWeights(weights4(y));
-    __m128i wz = pairWeights(weights4(z));
-    __m128i lo = lerp4(lerpPairs(gather4(a0[0], a0[1], a0[2], a0[3]), wx),
-                       lerpPairs(gather4(b0[0], b0[1], b0[2], b0[3]), wx), wy);
-    __m128i hi = lerp4(lerpPairs(gather4(a1[0], a1[1], a1[2], a1[3]), wx),
-                       lerpPairs(gather4(b1[0], b1[1], b1[2], b1[3]), wx), wy);
-    return lerp4(lo, hi, wz);
+    return {gather4(a0[0], a0[1], a0[2], a0[3]), gather4(b0[0], b0[1], b0[2], b0[3]),
+            gather4(a1[0], a1[1], a1[2], a1[3]), gather4(b1[0], b1[1], b1[2], b1[3])};
+}
+
+// The bilinears over x, then y, of both slices of four cells.
+inline void bilinearXY4(Cells4 const& c, __m128i wx, __m128i wy, __m128i* s0, __m128i* s1)
+{
+    *s0 = lerp4(lerpPairs(c.s0r0, wx), lerpPairs(c.s0r1, wx), wy);
+    *s1 = lerp4(lerpPairs(c.s1r0, wx), lerpPairs(c.s1r1, wx), wy);
+}
+
+// Trilinear of triLin at four points. x, y, z hold 18-bit fixed point.
+inline __m128i triLin4(short* const* slices, int X, __m128i x, __m128i y, __m128i z)
+{
+    __m128i q = _mm_add_epi32(_mm_srai_epi32(x, kFracBits), rowOffsets(_mm_srai_epi32(y, kFracBits), X));
+    Cells4 c = loadCells4(slices, X, q, _mm_srai_epi32(z, kFracBits));
+    __m128i lo, hi;
+    bilinearXY4(c, pairWeights(weights4(x)), pairWeights(weights4(y)), &lo, &hi);
+    return lerp4(lo, hi, pairWeights(weights4(z)));
 }
 
 // Lanes start, start + step, start + 2 step, start + 3 step (wrap-around).

@@ -179,74 +179,43 @@ void averageLineSSE2(short* const* sl, int X, float avgScale, int n, int depth, 
     int i = 0;
     for (; i + 4 <= n; i += 4) {
         __m128i a = ramp4(stepAt(x, i, dx), dx), b = ramp4(stepAt(y, i, dy), dy);
-        __m128i c = ramp4(stepAt(z, i, dz), dz);
-        __m128i axisCoord = Axis == 0 ? a : Axis == 1 ? b : c;
+        __m128i c3 = ramp4(stepAt(z, i, dz), dz);
+        __m128i axisCoord = Axis == 0 ? a : Axis == 1 ? b : c3;
         __m128i plane = _mm_srai_epi32(axisCoord, kFracBits);
         __m128i lo = _mm_setzero_si128(), hi = _mm_setzero_si128();
-        alignas(16) int q[4], pl[4], iz[4];
         for (int k = 0; k < depth; ++k) {
-            int l0[4], l1[4], h0[4], h1[4];
+            __m128i lo1, hi1;
             if (Axis == 2) {
-                _mm_store_si128((__m128i*)q, _mm_add_epi32(_mm_srai_epi32(a, kFracBits),
-                                                           rowOffsets(_mm_srai_epi32(b, kFracBits), X)));
-                _mm_store_si128((__m128i*)pl, plane);
-                for (int l = 0; l < 4; ++l) {
-                    short const* p0 = sl[pl[l]] + q[l];
-                    short const* p1 = sl[pl[l] + 1] + q[l];
-                    l0[l] = load2(p0);
-                    l1[l] = load2(p0 + X);
-                    h0[l] = load2(p1);
-                    h1[l] = load2(p1 + X);
-                }
-                __m128i wx = pairWeights(weights4(a)), wy = pairWeights(weights4(b));
-                lo = _mm_add_epi32(lo, lerp4(lerpPairs(gather4(l0[0], l0[1], l0[2], l0[3]), wx),
-                                             lerpPairs(gather4(l1[0], l1[1], l1[2], l1[3]), wx), wy));
-                hi = _mm_add_epi32(hi, lerp4(lerpPairs(gather4(h0[0], h0[1], h0[2], h0[3]), wx),
-                                             lerpPairs(gather4(h1[0], h1[1], h1[2], h1[3]), wx), wy));
+                // Planes are slices: bilinear over x, then y, in slices plane and plane + 1.
+                __m128i q = _mm_add_epi32(_mm_srai_epi32(a, kFracBits), rowOffsets(_mm_srai_epi32(b, kFracBits), X));
+                bilinearXY4(loadCells4(sl, X, q, plane), pairWeights(weights4(a)), pairWeights(weights4(b)),
+                            &lo1, &hi1);
             } else if (Axis == 1) {
-                _mm_store_si128((__m128i*)q, _mm_add_epi32(_mm_srai_epi32(a, kFracBits), rowOffsets(plane, X)));
-                _mm_store_si128((__m128i*)iz, _mm_srai_epi32(c, kFracBits));
-                for (int l = 0; l < 4; ++l) {
-                    short const* p0 = sl[iz[l]] + q[l];
-                    short const* p1 = sl[iz[l] + 1] + q[l];
-                    l0[l] = load2(p0);
-                    l1[l] = load2(p1);
-                    h0[l] = load2(p0 + X);
-                    h1[l] = load2(p1 + X);
-                }
-                __m128i wx = pairWeights(weights4(a)), wz = pairWeights(weights4(c));
-                lo = _mm_add_epi32(lo, lerp4(lerpPairs(gather4(l0[0], l0[1], l0[2], l0[3]), wx),
-                                             lerpPairs(gather4(l1[0], l1[1], l1[2], l1[3]), wx), wz));
-                hi = _mm_add_epi32(hi, lerp4(lerpPairs(gather4(h0[0], h0[1], h0[2], h0[3]), wx),
-                                             lerpPairs(gather4(h1[0], h1[1], h1[2], h1[3]), wx), wz));
+                // Planes are rows: bilinear over x, then z, in rows plane and plane + 1.
+                Cells4 c = loadCells4(sl, X, _mm_add_epi32(_mm_srai_epi32(a, kFracBits), rowOffsets(plane, X)),
+                                      _mm_srai_epi32(c3, kFracBits));
+                __m128i wx = pairWeights(weights4(a)), wz = pairWeights(weights4(c3));
+                lo1 = lerp4(lerpPairs(c.s0r0, wx), lerpPairs(c.s1r0, wx), wz);
+                hi1 = lerp4(lerpPairs(c.s0r1, wx), lerpPairs(c.s1r1, wx), wz);
             } else {
-                _mm_store_si128((__m128i*)q, _mm_add_epi32(plane, rowOffsets(_mm_srai_epi32(b, kFracBits), X)));
-                _mm_store_si128((__m128i*)iz, _mm_srai_epi32(c, kFracBits));
-                for (int l = 0; l < 4; ++l) {
-                    short const* p0 = sl[iz[l]] + q[l];
-                    short const* p1 = sl[iz[l] + 1] + q[l];
-                    // (plane, plane + 1) at rows y and y + 1 of both slices
-                    l0[l] = load2(p0);
-                    l1[l] = load2(p0 + X);
-                    h0[l] = load2(p1);
-                    h1[l] = load2(p1 + X);
-                }
-                // Regroup into pairs along y: the low halves are this plane,
-                // the high halves the next one.
-                __m128i r0 = gather4(l0[0], l0[1], l0[2], l0[3]), r1 = gather4(l1[0], l1[1], l1[2], l1[3]);
-                __m128i t0 = gather4(h0[0], h0[1], h0[2], h0[3]), t1 = gather4(h1[0], h1[1], h1[2], h1[3]);
+                // Planes are columns: bilinear over y, then z. Each pair holds this
+                // plane (low half) and the next (high half); regroup into pairs along y.
+                Cells4 c = loadCells4(sl, X, _mm_add_epi32(plane, rowOffsets(_mm_srai_epi32(b, kFracBits), X)),
+                                      _mm_srai_epi32(c3, kFracBits));
                 __m128i low = _mm_set1_epi32(0xFFFF), high = _mm_set1_epi32((int)0xFFFF0000u);
-                __m128i wy = pairWeights(weights4(b)), wz = pairWeights(weights4(c));
-                __m128i loZ0 = _mm_or_si128(_mm_and_si128(r0, low), _mm_slli_epi32(r1, 16));
-                __m128i loZ1 = _mm_or_si128(_mm_and_si128(t0, low), _mm_slli_epi32(t1, 16));
-                __m128i hiZ0 = _mm_or_si128(_mm_srli_epi32(r0, 16), _mm_and_si128(r1, high));
-                __m128i hiZ1 = _mm_or_si128(_mm_srli_epi32(t0, 16), _mm_and_si128(t1, high));
-                lo = _mm_add_epi32(lo, lerp4(lerpPairs(loZ0, wy), lerpPairs(loZ1, wy), wz));
-                hi = _mm_add_epi32(hi, lerp4(lerpPairs(hiZ0, wy), lerpPairs(hiZ1, wy), wz));
+                __m128i wy = pairWeights(weights4(b)), wz = pairWeights(weights4(c3));
+                __m128i loZ0 = _mm_or_si128(_mm_and_si128(c.s0r0, low), _mm_slli_epi32(c.s0r1, 16));
+                __m128i loZ1 = _mm_or_si128(_mm_and_si128(c.s1r0, low), _mm_slli_epi32(c.s1r1, 16));
+                __m128i hiZ0 = _mm_or_si128(_mm_srli_epi32(c.s0r0, 16), _mm_and_si128(c.s0r1, high));
+                __m128i hiZ1 = _mm_or_si128(_mm_srli_epi32(c.s1r0, 16), _mm_and_si128(c.s1r1, high));
+                lo1 = lerp4(lerpPairs(loZ0, wy), lerpPairs(loZ1, wy), wz);
+                hi1 = lerp4(lerpPairs(hiZ0, wy), lerpPairs(hiZ1, wy), wz);
             }
+            lo = _mm_add_epi32(lo, lo1);
+            hi = _mm_add_epi32(hi, hi1);
             a = _mm_add_epi32(a, sa);
             b = _mm_add_epi32(b, sb);
-            c = _mm_add_epi32(c, sc);
+            c3 = _mm_add_epi32(c3, sc);
             plane = _mm_add_epi32(plane, one);
         }
         alignas(16) int los[4], his[4], fs[4];
@@ -446,7 +415,7 @@ void VX_MPR::CalcImageAvgTriLin(short* bounds, int n, float* zvec)
     int planeAxis = slabMIP || slabMin ? -1 : slabAxis;
     bool poll = !rotate && !noInterrupt;
     std::atomic<bool> interrupted{false};
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static, 1)
     for (int k = 0; k < kSlabBlocks; ++k) {
         if (poll && !interrupted.load(std::memory_order_relaxed))
             interrupted.store(multithread.InterruptRequest(12), std::memory_order_relaxed);
