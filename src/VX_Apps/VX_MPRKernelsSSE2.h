@@ -100,7 +100,9 @@ inline __m128i ramp4(int start, int step)
     return _mm_setr_epi32(start, stepAt(start, 1, step), stepAt(start, 2, step), stepAt(start, 3, step));
 }
 
-inline void store4(short* out, __m128i v) { _mm_storel_epi64((__m128i*)out, _mm_packs_epi32(v, v)); }
+// Four 16-bit values: already packed, or narrowed from 32-bit lanes in range.
+inline void storePacked4(short* out, __m128i v16) { _mm_storel_epi64((__m128i*)out, v16); }
+inline void store4(short* out, __m128i v) { storePacked4(out, _mm_packs_epi32(v, v)); }
 
 inline __m128i load4(short const* p)
 {

@@ -179,8 +179,8 @@ void averageLineSSE2(short* const* sl, int X, float avgScale, int n, int depth, 
     int i = 0;
     for (; i + 4 <= n; i += 4) {
         __m128i a = ramp4(stepAt(x, i, dx), dx), b = ramp4(stepAt(y, i, dy), dy);
-        __m128i c3 = ramp4(stepAt(z, i, dz), dz);
-        __m128i axisCoord = Axis == 0 ? a : Axis == 1 ? b : c3;
+        __m128i zc = ramp4(stepAt(z, i, dz), dz);
+        __m128i axisCoord = Axis == 0 ? a : Axis == 1 ? b : zc;
         __m128i plane = _mm_srai_epi32(axisCoord, kFracBits);
         __m128i lo = _mm_setzero_si128(), hi = _mm_setzero_si128();
         for (int k = 0; k < depth; ++k) {
@@ -193,17 +193,17 @@ void averageLineSSE2(short* const* sl, int X, float avgScale, int n, int depth, 
             } else if (Axis == 1) {
                 // Planes are rows: bilinear over x, then z, in rows plane and plane + 1.
                 Cells4 c = loadCells4(sl, X, _mm_add_epi32(_mm_srai_epi32(a, kFracBits), rowOffsets(plane, X)),
-                                      _mm_srai_epi32(c3, kFracBits));
-                __m128i wx = pairWeights(weights4(a)), wz = pairWeights(weights4(c3));
+                                      _mm_srai_epi32(zc, kFracBits));
+                __m128i wx = pairWeights(weights4(a)), wz = pairWeights(weights4(zc));
                 lo1 = lerp4(lerpPairs(c.s0r0, wx), lerpPairs(c.s1r0, wx), wz);
                 hi1 = lerp4(lerpPairs(c.s0r1, wx), lerpPairs(c.s1r1, wx), wz);
             } else {
                 // Planes are columns: bilinear over y, then z. Each pair holds this
                 // plane (low half) and the next (high half); regroup into pairs along y.
                 Cells4 c = loadCells4(sl, X, _mm_add_epi32(plane, rowOffsets(_mm_srai_epi32(b, kFracBits), X)),
-                                      _mm_srai_epi32(c3, kFracBits));
+                                      _mm_srai_epi32(zc, kFracBits));
                 __m128i low = _mm_set1_epi32(0xFFFF), high = _mm_set1_epi32((int)0xFFFF0000u);
-                __m128i wy = pairWeights(weights4(b)), wz = pairWeights(weights4(c3));
+                __m128i wy = pairWeights(weights4(b)), wz = pairWeights(weights4(zc));
                 __m128i loZ0 = _mm_or_si128(_mm_and_si128(c.s0r0, low), _mm_slli_epi32(c.s0r1, 16));
                 __m128i loZ1 = _mm_or_si128(_mm_and_si128(c.s1r0, low), _mm_slli_epi32(c.s1r1, 16));
                 __m128i hiZ0 = _mm_or_si128(_mm_srli_epi32(c.s0r0, 16), _mm_and_si128(c.s0r1, high));
@@ -215,7 +215,7 @@ void averageLineSSE2(short* const* sl, int X, float avgScale, int n, int depth, 
             hi = _mm_add_epi32(hi, hi1);
             a = _mm_add_epi32(a, sa);
             b = _mm_add_epi32(b, sb);
-            c3 = _mm_add_epi32(c3, sc);
+            zc = _mm_add_epi32(zc, sc);
             plane = _mm_add_epi32(plane, one);
         }
         alignas(16) int los[4], his[4], fs[4];
@@ -275,7 +275,7 @@ void planesLineSSE2(short* const* sl, int X, int n, int depth, short* out, int x
         __m128i c = Hold == 2 ? _mm_set1_epi32(z) : ramp4(z, dz);
         for (int i = 0; i < tail; i += 4) {
             __m128i v = triLin4(sl, X, a, b, c);
-            _mm_storel_epi64((__m128i*)(out + i), extreme16(load4(out + i), _mm_packs_epi32(v, v), Max));
+            storePacked4(out + i, extreme16(load4(out + i), _mm_packs_epi32(v, v), Max));
             a = _mm_add_epi32(a, step4[0]);
             b = _mm_add_epi32(b, step4[1]);
             c = _mm_add_epi32(c, step4[2]);
