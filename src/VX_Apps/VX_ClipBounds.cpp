@@ -9,7 +9,7 @@ namespace {
 inline int truncBound(double v)
 {
     if (v > 32767.0) return 32767;
-    if (v < -32768.0) return -32768;
+    if (!(v >= -32768.0)) return -32768;   // NaN too, from a degenerate line
     return (int)v;
 }
 

@@ -142,11 +142,12 @@ bool VX_MPR::fixedPointFrame(bool shiftHalf, int* start, int* col, int* row)
         p.y -= 0.5f;
         p.z -= 0.5f;
     }
-    if (fabsf(p.x) > kGuard || fabsf(p.y) > kGuard || fabsf(p.z) > kGuard) return false;
+    // Written as "not inside" so that a NaN start fails the guard too.
+    if (!(fabsf(p.x) <= kGuard && fabsf(p.y) <= kGuard && fabsf(p.z) <= kGuard)) return false;
     for (int a = 0; a < 3; ++a) {
-        start[a] = (int)(p[a] * kOne);
-        col[a] = (int)(B.m[0][a] * kOne);
-        row[a] = (int)(B.m[1][a] * kOne);
+        start[a] = toFixed(p[a]);
+        col[a] = toFixed(B.m[0][a]);
+        row[a] = toFixed(B.m[1][a]);
     }
     return true;
 }
@@ -258,5 +259,8 @@ int VX_MPR::CalcZVec(VX_3Vec* out)
     float c = v[slabAxis];
     v *= 1.0f / c;
     if (out) *out = v;
-    return (int)((slabThickness * 0.5f) / (1.0f / fabsf(c)));
+    // Held below 2^30 so that 2 n + 1 samples stay countable; a slab that deep
+    // has no row left inside the volume anyway.
+    float half = (slabThickness * 0.5f) / (1.0f / fabsf(c));
+    return half < 1073741823.0f ? (int)half : 1073741823;
 }

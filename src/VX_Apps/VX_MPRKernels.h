@@ -14,6 +14,17 @@ constexpr int kFracBits = 18;
 constexpr float kOne = 262144.0f;       // 1 << kFracBits
 constexpr int kWeightBits = 15;
 
+// A float coordinate or step in fixed point, truncated toward zero. Values
+// beyond 32 bits (and NaN, from a singular transform) are held at the ends
+// instead of being undefined; no ordinary view comes near them.
+inline int toFixed(float v)
+{
+    float f = v * kOne;
+    if (f >= 2147483520.0f) return 2147483647;
+    if (!(f > -2147483520.0f)) return -2147483647 - 1;
+    return (int)f;
+}
+
 inline int intPart(int v) { return v >> kFracBits; }
 inline int weight(int v) { return (v >> 3) & 0x7FFF; }
 

@@ -407,7 +407,7 @@ void VX_MPR::CalcImageAvgTriLin(short* bounds, int n, float* zvec)
     if (!fixedPointFrame(true, st, c, r)) return;
     int s[3];
     for (int a = 0; a < 3; ++a) {
-        s[a] = (int)(zvec[a] * kOne);
+        s[a] = toFixed(zvec[a]);
         st[a] = stepAt(st[a], -n, s[a]);   // the ray is centred on the plane
     }
     int W = imageBox.dims[0], H = imageBox.dims[1];

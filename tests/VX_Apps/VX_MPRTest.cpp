@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <math.h>
 #include <random>
 #include <vector>
 
@@ -133,3 +134,44 @@ TEST_F(VX_MPRTest, ObliquePlanesMatchTheRule)
 }
 
 }  // namespace
+
+// Degenerate and extreme views must neither read outside the volume (the
+// sanitizer build turns such a read into a failure) nor hang: a singular or
+// NaN transform, slabs from a thousandth of a millimetre to infinity, volumes
+// of one voxel, pixels far larger and far smaller than voxels.
+TEST(VX_MPRHostile, DegenerateViewsStayInsideTheVolume)
+{
+    std::mt19937 rng(11);
+    const float thick[] = {0, -1, 0.001f, 20, 1e9f, 1e30f, INFINITY, NAN};
+    for (int t = 0; t < 60; ++t) {
+        int X = 1 + rng() % 4, Y = 1 + rng() % 4, Z = 1 + rng() % 4;
+        VX_PhysBox pb(X * (rng() % 2 ? -0.7f : 1.3f), Y * 0.9f, Z * 1.1f);
+        VX_Box box(pb, X, Y, Z);
+        VX_VolData vol(&box);
+        vol.Allocate();
+        for (int z = 0; z < Z; ++z)
+            for (int i = 0; i < X * Y; ++i) vol.slices[z][i] = (short)rng();
+        VX_MPR mpr;
+        mpr.volData = &vol;
+        mpr.volBox = box;
+        mpr.noInterrupt = true;
+        int W = 1 + rng() % 24, H = 1 + rng() % 24;
+        std::vector<short> out((size_t)W * H);
+        mpr.output = out.data();
+        float mm = rng() % 2 ? 0.05f : 7.0f;
+        VX_PhysBox ib(W * mm, H * mm, 1);
+        mpr.imageBox = VX_Box(ib, W, H, 1);
+        VX_Mat m = VX_RotMat((rng() % 8) * 0.7853982f, 0) * VX_RotMat((rng() % 8) * 0.7853982f, 1);
+        m.m[3][0] = -(float)(rng() % 6);
+        if (t % 6 == 0) m = VX_Mat(0.0f);
+        if (t % 6 == 1) m.m[0][0] = NAN;
+        mpr.trans = m;
+        for (int mode = 0; mode < 5; ++mode) {
+            mpr.interpolation = mode == 0 ? 0 : 1;
+            mpr.slabThickness = mode >= 2 ? thick[rng() % 8] : 0;
+            mpr.slabMIP = mode == 3;
+            mpr.slabMin = mode == 4;
+            mpr.CalcRaster();
+        }
+    }
+}
