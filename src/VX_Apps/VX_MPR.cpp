@@ -220,13 +220,9 @@ void VX_MPR::sampleSection(short* bounds, int reach, SectionRow row)
     for (int k = 0; k < kBlocks; ++k) {
         const int still[3] = {0, 0, 0};
         for (int j = H * k / kBlocks; j < H * (k + 1) / kBlocks; ++j) {
-            int L = bounds[2 * j], R = bounds[2 * j + 1];
-            if (L > R) continue;
-            int p[3] = {stepAt(s[0], j, r[0]), stepAt(s[1], j, r[1]), stepAt(s[2], j, r[2])};
-            trimRow(&L, &R, p, c, still, 1, lim);
-            if (L > R) continue;
-            row(out + (size_t)j * W + L, R - L + 1, sl, X, stepAt(p[0], L, c[0]), stepAt(p[1], L, c[1]),
-                stepAt(p[2], L, c[2]), c[0], c[1], c[2]);
+            int L, R, q[3];
+            if (rowSpan(bounds, j, s, c, r, still, 1, lim, -1, &L, &R, q))
+                row(out + (size_t)j * W + L, R - L + 1, sl, X, q[0], q[1], q[2], c[0], c[1], c[2]);
         }
     }
 }

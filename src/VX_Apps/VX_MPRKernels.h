@@ -45,15 +45,6 @@ inline int triLin(short* const* slices, int X, int x, int y, int z)
     return lerp(lo, hi, fz);
 }
 
-// The same with the row (and its weight) already resolved: p points at
-// (intPart(x), row) of slice z, and p1 at the same place of slice z + 1.
-inline int triLinRow(short const* p0, short const* p1, int X, int fx, int fy, int fz)
-{
-    int lo = lerp(lerp(p0[0], p0[1], fx), lerp(p0[X], p0[X + 1], fx), fy);
-    int hi = lerp(lerp(p1[0], p1[1], fx), lerp(p1[X], p1[X + 1], fx), fy);
-    return lerp(lo, hi, fz);
-}
-
 // Issues the loads of the trilinear cell at (x, y, z) ahead of use: an oblique
 // plane reaches a new slice every pixel or two, far beyond what the hardware
 // prefetchers follow. Only for points whose cell is inside the volume.
@@ -114,6 +105,23 @@ inline void trimRow(int* L, int* R, int const* p, int const* col, int const* ray
     };
     while (*L <= *R && !ok(*L)) ++*L;
     while (*R >= *L && !ok(*R)) --*R;
+}
+
+// Row j of the image: its bounds (L, R) from the array, narrowed by trimRow,
+// and the first sample of pixel L in xyz. `start` is pixel (0, 0), `col` and
+// `row` the steps between columns and rows. False when nothing is left.
+inline bool rowSpan(short const* bounds, int j, int const* start, int const* col, int const* row,
+                    int const* ray, int depth, GridLimits const& lim, int planeAxis, int* L, int* R,
+                    int* xyz)
+{
+    *L = bounds[2 * j];
+    *R = bounds[2 * j + 1];
+    if (*L > *R) return false;
+    int p[3] = {stepAt(start[0], j, row[0]), stepAt(start[1], j, row[1]), stepAt(start[2], j, row[2])};
+    trimRow(L, R, p, col, ray, depth, lim, planeAxis);
+    if (*L > *R) return false;
+    for (int a = 0; a < 3; ++a) xyz[a] = stepAt(p[a], *L, col[a]);
+    return true;
 }
 
 }  // namespace vx_mpr

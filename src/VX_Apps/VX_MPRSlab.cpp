@@ -104,57 +104,24 @@ inline void fillStart(short* out, int n)
 }
 
 // Plane-major: one sample step across the whole line at a time, the running
-// extreme kept in out.
-template <bool Max>
+// extreme kept in out. Hold names a coordinate taken as constant along the line
+// (1: y, the row and its weight resolved once per sample; 2: z, the slice pair;
+// -1: none), as the dispatcher chooses when that step is in practice zero.
+template <bool Max, int Hold>
 void planesLine(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z, int sx,
                 int sy, int sz, int dx, int dy, int dz)
 {
     fillStart<Max>(out, n);
     for (int k = 0; k < depth; ++k, x += sx, y += sy, z += sz) {
         int a = x, b = y, c = z;
-        for (int i = 0; i < n; ++i, a += dx, b += dy, c += dz)
+        for (int i = 0; i < n; ++i) {
             out[i] = (short)extreme<Max>(out[i], triLin(sl, X, a, b, c));
-    }
-}
-
-// Plane-major with y constant along the line: the row offset and y weight
-// are resolved once per sample.
-template <bool Max>
-void planesLineXY(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
-                  int sx, int sy, int sz, int dx, int dz)
-{
-    fillStart<Max>(out, n);
-    for (int k = 0; k < depth; ++k, x += sx, y += sy, z += sz) {
-        int fy = weight(y), row = intPart(y) * X;
-        int a = x, c = z;
-        for (int i = 0; i < n; ++i, a += dx, c += dz) {
-            int q = intPart(a) + row;
-            int v = triLinRow(sl[intPart(c)] + q, sl[intPart(c) + 1] + q, X, weight(a), fy, weight(c));
-            out[i] = (short)extreme<Max>(out[i], v);
+            a += dx;
+            if (Hold != 1) b += dy;
+            if (Hold != 2) c += dz;
         }
     }
 }
-
-// Plane-major with z constant along the line: the two slices and the z weight
-// are resolved once per sample.
-template <bool Max>
-void planesLineXZ(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
-                  int sx, int sy, int sz, int dx, int dy)
-{
-    fillStart<Max>(out, n);
-    for (int k = 0; k < depth; ++k, x += sx, y += sy, z += sz) {
-        int fz = weight(z);
-        short const* s0 = sl[intPart(z)];
-        short const* s1 = sl[intPart(z) + 1];
-        int a = x, b = y;
-        for (int i = 0; i < n; ++i, a += dx, b += dy) {
-            int q = intPart(a) + intPart(b) * X;
-            int v = triLinRow(s0 + q, s1 + q, X, weight(a), weight(b), fz);
-            out[i] = (short)extreme<Max>(out[i], v);
-        }
-    }
-}
-
 
 #if defined(__SSE2__)
 // ---- SSE2 twins: four pixels (or rays) at a time, the tail by the rule ----
@@ -259,8 +226,7 @@ inline __m128i extreme16(__m128i a, __m128i b, bool max)
     return max ? _mm_max_epi16(a, b) : _mm_min_epi16(a, b);
 }
 
-// Keep equal to planesLine<Max>, planesLineXY<Max> and planesLineXZ<Max>:
-// Hold says which coordinate stays fixed along the line (1 y, 2 z, -1 none).
+// Keep equal to planesLine<Max, Hold>.
 template <bool Max, int Hold>
 void planesLineSSE2(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
                     int sx, int sy, int sz, int dx, int dy, int dz)
@@ -315,6 +281,29 @@ void averageDispatch(short* const* sl, int X, float avgScale, int n, int depth, 
     averageLine<Axis>(sl, X, avgScale, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
 }
 
+// Each kernel family by its vector form where it applies (depth >= 1).
+template <bool Max>
+void rays(bool vec, short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
+          int sx, int sy, int sz, int dx, int dy, int dz)
+{
+#if defined(__SSE2__)
+    if (vec) return raysLineSSE2<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+#endif
+    (void)vec;
+    raysLine<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+}
+
+template <bool Max, int Hold>
+void planes(bool vec, short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
+            int sx, int sy, int sz, int dx, int dy, int dz)
+{
+#if defined(__SSE2__)
+    if (vec) return planesLineSSE2<Max, Hold>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+#endif
+    (void)vec;
+    planesLine<Max, Hold>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+}
+
 // The dispatch by memory walk: rays that run mostly along x are walked whole;
 // otherwise a whole line is taken per sample step, with the row or the slice
 // pair hoisted when it is constant along the line.
@@ -323,27 +312,15 @@ void dispatchLine(short* const* sl, int X, int n, int depth, short* out, int x, 
                   int sx, int sy, int sz, int dx, int dy, int dz)
 {
     if (n < 1) return;
-#if defined(__SSE2__)
-    if (useVectors(X) && depth >= 1) {
-        if (abs(sx) > kRayMajorStep)
-            raysLineSSE2<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
-        else if (abs(dy) < kFlatStep)
-            planesLineSSE2<Max, 1>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, 0, dz);
-        else if (abs(dz) < kFlatStep)
-            planesLineSSE2<Max, 2>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, 0);
-        else
-            planesLineSSE2<Max, -1>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
-        return;
-    }
-#endif
+    bool vec = useVectors(X) && depth >= 1;
     if (abs(sx) > kRayMajorStep)
-        raysLine<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+        rays<Max>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
     else if (abs(dy) < kFlatStep)
-        planesLineXY<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dz);
+        planes<Max, 1>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, 0, dz);
     else if (abs(dz) < kFlatStep)
-        planesLineXZ<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy);
+        planes<Max, 2>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, 0);
     else
-        planesLine<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+        planes<Max, -1>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
 }
 
 // Axis-snapped: each ray's start moves onto the next grid plane of axis M in
@@ -421,19 +398,11 @@ void VX_MPR::CalcImageAvgTriLin(short* bounds, int n, float* zvec)
             interrupted.store(multithread.InterruptRequest(12), std::memory_order_relaxed);
         if (interrupted.load(std::memory_order_relaxed)) continue;
         for (int j = H * k / kSlabBlocks; j < H * (k + 1) / kSlabBlocks; ++j) {
-            int L = bounds[2 * j], R = bounds[2 * j + 1];
-            if (R - L + 1 < 1) continue;
-            int p[3] = {stepAt(st[0], j, r[0]), stepAt(st[1], j, r[1]), stepAt(st[2], j, r[2])};
-            trimRow(&L, &R, p, c, s, depth, lim, planeAxis);
-            if (R - L + 1 < 1) continue;
-            int x = stepAt(p[0], L, c[0]), y = stepAt(p[1], L, c[1]), z = stepAt(p[2], L, c[2]);
-            short* out = output + (size_t)j * W + L;
-            if (slabMIP)
-                CalcLineMIP(R - L + 1, depth, out, x, y, z, s[0], s[1], s[2], c[0], c[1], c[2]);
-            else if (slabMin)
-                CalcLineMin(R - L + 1, depth, out, x, y, z, s[0], s[1], s[2], c[0], c[1], c[2]);
-            else
-                CalcLine(R - L + 1, depth, out, x, y, z, s[0], s[1], s[2], c[0], c[1], c[2]);
+            int L, R, q[3];
+            if (!rowSpan(bounds, j, st, c, r, s, depth, lim, planeAxis, &L, &R, q)) continue;
+            // CalcLine hands over to the maximum or the minimum when they are set.
+            CalcLine(R - L + 1, depth, output + (size_t)j * W + L, q[0], q[1], q[2], s[0], s[1], s[2],
+                     c[0], c[1], c[2]);
         }
     }
 }
@@ -504,36 +473,36 @@ void VX_MPR::CalcLineMinRays(VX_LINE_PARAMS)
 
 void VX_MPR::CalcLineMIPLines(VX_LINE_PARAMS)
 {
-    if (n >= 1) planesLine<true>(volData->slices, volBox.dims[0], VX_LINE_ARGS);
+    if (n >= 1) planesLine<true, -1>(volData->slices, volBox.dims[0], VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineMinLines(VX_LINE_PARAMS)
 {
-    if (n >= 1) planesLine<false>(volData->slices, volBox.dims[0], VX_LINE_ARGS);
+    if (n >= 1) planesLine<false, -1>(volData->slices, volBox.dims[0], VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineMIPLinesXY(int n, int depth, short* out, int x, int y, int z, int sx, int sy,
                                 int sz, int dx, int dz)
 {
-    if (n >= 1) planesLineXY<true>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, dz);
+    if (n >= 1) planesLine<true, 1>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, 0, dz);
 }
 
 void VX_MPR::CalcLineMinLinesXY(int n, int depth, short* out, int x, int y, int z, int sx, int sy,
                                 int sz, int dx, int dz)
 {
-    if (n >= 1) planesLineXY<false>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, dz);
+    if (n >= 1) planesLine<false, 1>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, 0, dz);
 }
 
 void VX_MPR::CalcLineMIPLinesXZ(int n, int depth, short* out, int x, int y, int z, int sx, int sy,
                                 int sz, int dx, int dy)
 {
-    if (n >= 1) planesLineXZ<true>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, dy);
+    if (n >= 1) planesLine<true, 2>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, dy, 0);
 }
 
 void VX_MPR::CalcLineMinLinesXZ(int n, int depth, short* out, int x, int y, int z, int sx, int sy,
                                 int sz, int dx, int dy)
 {
-    if (n >= 1) planesLineXZ<false>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, dy);
+    if (n >= 1) planesLine<false, 2>(volData->slices, volBox.dims[0], n, depth, out, x, y, z, sx, sy, sz, dx, dy, 0);
 }
 
 void VX_MPR::CalcLineMIPRaysX(VX_LINE_PARAMS)
