@@ -96,16 +96,36 @@ private:
         }
     }
 
-    bool object(JsonValue* out, int depth) {
-        out->kind = JsonValue::Kind::Object;
-        ++pos;  // '{'
+    // The elements of an object or array after its opening character, up to
+    // `close`: element() reads one, then ',' continues and `close` ends.
+    template <class Element>
+    bool sequence(char close, Element element) {
+        ++pos;  // '{' or '['
         skipSpace();
-        if (peek() == '}') {
+        if (peek() == close) {
             ++pos;
             return true;
         }
         for (;;) {
             skipSpace();
+            if (!element())
+                return false;
+            skipSpace();
+            if (peek() == ',') {
+                ++pos;
+                continue;
+            }
+            if (peek() == close) {
+                ++pos;
+                return true;
+            }
+            return fail(close == '}' ? "expected ',' or '}'" : "expected ',' or ']'");
+        }
+    }
+
+    bool object(JsonValue* out, int depth) {
+        out->kind = JsonValue::Kind::Object;
+        return sequence('}', [&] {
             if (peek() != '"')
                 return fail("expected a string key");
             std::string key;
@@ -120,44 +140,19 @@ private:
             if (!value(&v, depth + 1))
                 return false;
             out->members[key] = std::move(v);
-            skipSpace();
-            if (peek() == ',') {
-                ++pos;
-                continue;
-            }
-            if (peek() == '}') {
-                ++pos;
-                return true;
-            }
-            return fail("expected ',' or '}'");
-        }
+            return true;
+        });
     }
 
     bool array(JsonValue* out, int depth) {
         out->kind = JsonValue::Kind::Array;
-        ++pos;  // '['
-        skipSpace();
-        if (peek() == ']') {
-            ++pos;
-            return true;
-        }
-        for (;;) {
-            skipSpace();
+        return sequence(']', [&] {
             JsonValue v;
             if (!value(&v, depth + 1))
                 return false;
             out->items.push_back(std::move(v));
-            skipSpace();
-            if (peek() == ',') {
-                ++pos;
-                continue;
-            }
-            if (peek() == ']') {
-                ++pos;
-                return true;
-            }
-            return fail("expected ',' or ']'");
-        }
+            return true;
+        });
     }
 
     static int hexDigit(char c) {
