@@ -61,6 +61,7 @@ const Case kCases[] = {
     {1, -1, -1.2f, 4, -1, 0, "0-1 0-2 0-3 0-4"},      // x <= y + 1.2: right = c - 1 = j + 1
     {1, 2, -5, 6, -1, 0, "0-3 0-1 -*4"},              // c = trunc(4.5 - 2j); c - 1 < 0 empties
     {-1, 1, 3, 6, -1, 0, "4-7 5-7 6-7 7-7 -*2"},      // x >= y + 3: left = c; c = 8 and 9 leave no pixel
+    {40, -40, -48, 4, 1, 5, "1-1 1-2 1-3 1-4"},       // scaled, no reset: the tighter of old and new
     // A line missing the image keeps or empties all by the image's centre.
     {1, 1, -100, 6, 1, 5, "1-5*6"},
     {1, 1, 100, 6, 1, 5, "-*6"},
@@ -82,8 +83,8 @@ TEST(VX_ClipBounds, RowsByTheRule)
     }
 }
 
-// For lines that are neither horizontal nor vertical the rule keeps a pixel
-// exactly when its centre is inside, up to rounding at the line itself.
+// Lines neither horizontal nor vertical, at any scale, keep a pixel exactly
+// when its centre is inside, up to rounding at the line itself.
 TEST(VX_ClipBounds, RandomLinesKeepInsideCentres)
 {
     std::mt19937 rng(1234);
@@ -92,25 +93,14 @@ TEST(VX_ClipBounds, RandomLinesKeepInsideCentres)
     int count[2] = {0, 0};  // dropped, kept
     for (int trial = 0; trial < 200; ++trial) {
         std::vector<short> b(2 * H);
-        float eq[2][3], k = trial % 7 ? 1.0f : 40.0f;  // scale must not matter
-        int lines = 1 + trial % 2;                     // a second line narrows the first
-        for (int l = 0; l < lines; ++l) {
-            float a = unit(rng), c = unit(rng), x = px(rng), y = py(rng);
-            eq[l][0] = a, eq[l][1] = c, eq[l][2] = -(a * x + c * y);
-            VX_ClipBounds(b.data(), W, H, k * a, k * c, k * eq[l][2], l == 0);
+        float a = unit(rng), c = unit(rng), d = -(a * px(rng) + c * py(rng)), k = trial % 7 ? 1.0f : 40.0f;
+        VX_ClipBounds(b.data(), W, H, k * a, k * c, k * d, true);
+        for (int i = 0; i < W * H; ++i) {
+            double e = (a * (i % W + 0.5) + c * (i / W + 0.5) + d) / std::hypot(a, c);
+            if (std::fabs(e) < 2e-3) continue;
+            ASSERT_EQ(i % W >= b[i / W * 2] && i % W <= b[i / W * 2 + 1], e <= 0) << "trial " << trial << ", " << i;
+            count[e <= 0]++;
         }
-        for (int j = 0; j < H; ++j)
-            for (int i = 0; i < W; ++i) {
-                bool inside = true, onLine = false;
-                for (int l = 0; l < lines; ++l) {
-                    float const* q = eq[l];
-                    double e = (q[0] * (i + 0.5) + q[1] * (j + 0.5) + q[2]) / std::hypot(q[0], q[1]);
-                    inside &= e <= 0, onLine |= std::fabs(e) < 2e-3;
-                }
-                if (onLine) continue;
-                ASSERT_EQ(i >= b[2 * j] && i <= b[2 * j + 1], inside) << "trial " << trial << ", " << i << "," << j;
-                count[inside]++;
-            }
     }
     EXPECT_GT(count[0], 10000);
     EXPECT_GT(count[1], 10000);

@@ -1,9 +1,7 @@
 #ifndef VX_MPRREFERENCE_H
 #define VX_MPRREFERENCE_H
 
-// A plain, one-sample-at-a-time statement of the reformatting rules, for
-// comparison with VX_MPR's kernels. Nothing here is fast; every voxel read is
-// range-checked and clears Vol::inRange when it falls outside the volume.
+// The reformatting rules one sample at a time, to compare with VX_MPR's kernels.
 
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -27,12 +25,11 @@ constexpr int kPlaneMax = -32640, kPlaneMin = 32639;  // plane-major starts, 0x8
 inline int Fix(float v) { return (int)(v * 262144.0f); }
 inline int Weight(int v) { return (v >> 3) & 0x7FFF; }
 inline int Lerp(int a, int b, int f) { return a + (((b - a) * f) >> 15); }
-inline int Extreme(bool isMax, int a, int b) { return isMax ? std::max(a, b) : std::min(a, b); }
 // a + k * s in 32-bit wrap-around arithmetic, as the kernels accumulate.
 inline int Mad(int a, int k, int s) { return (int)((uint32_t)a + (uint32_t)k * (uint32_t)s); }
 
 // Runs f on the scalar paths with one thread, then on the vector paths with
-// four: both must give the same values. Returns the second run's.
+// four, expecting the same values; returns them.
 template <class F>
 std::vector<short> BothPaths(F f)
 {
@@ -57,14 +54,12 @@ struct Rig {
     std::vector<short> out;
     int W = 0, H = 0;
 
-    void Use(VX_VolData& v, short fill)
+    void Use(VX_VolData& v, short fill)  // a trilinear section of v
     {
         v.SetMinPixelValue(fill);
-        mpr.volData = &v;
-        mpr.volBox = v.box;
-        mpr.interpolation = 1;
+        mpr.volData = &v, mpr.volBox = v.box;
+        mpr.interpolation = 1, mpr.slabThickness = 0;
         mpr.rotate = mpr.noInterrupt = mpr.slabMIP = mpr.slabMin = false;
-        mpr.slabThickness = 0;
     }
     void Calc()  // CalcRaster on both paths; out keeps the picture
     {
@@ -79,9 +74,8 @@ struct Rig {
     short Out(int i, int j) const { return out[i + j * W]; }
 };
 
-// Places a W x H image of sp mm pixels on m: image physical space is volume
-// physical space moved so that the volume's centre plus shift is the origin,
-// then turned by rot. The image is centred on that origin at depth 0.
+// A W x H image of sp mm pixels, centred at depth 0 on the volume's centre plus shift,
+// turned by rot (image physical = volume physical moved to that origin, then turned).
 inline void PlaceImage(VX_MPR& m, VX_Mat const& rot, int W, int H, float sp, VX_3Vec shift)
 {
     VX_PhysBox p(W * sp, H * sp, 1);
@@ -92,7 +86,7 @@ inline void PlaceImage(VX_MPR& m, VX_Mat const& rot, int W, int H, float sp, VX_
     m.trans = VX_TransMat(t) * rot;
 }
 
-struct Vol {
+struct Vol {  // reads voxels, clearing inRange at the first one outside
     VX_VolData const& v;
     bool inRange = true;
     int At(int x, int y, int z)
@@ -187,15 +181,13 @@ inline short ExtremeRay(Vol& v, bool isMax, bool rayMajor, int depth, int const*
     int r = rayMajor ? (isMax ? kRayMax : kRayMin) : (isMax ? kPlaneMax : kPlaneMin);
     for (int k = 0; k < depth; ++k) {
         int q[3] = {Mad(p[0], k, s[0]), Mad(p[1], k, s[1]), Mad(p[2], k, s[2])};
-        r = Extreme(isMax, r, TriLin(v, q));
+        r = isMax ? std::max(r, TriLin(v, q)) : std::min(r, TriLin(v, q));
     }
     return (short)r;
 }
 
-// Compares rig.out with one(vol, p) at every pixel inside bounds, p being the
-// pixel's point in f, and with fill at every other pixel. Returns how many
-// pixels were inside, or -1 after reporting the first difference or the first
-// sample outside the volume.
+// Compares rig.out with one(vol, p) inside bounds (p the pixel's point in f), with fill
+// elsewhere. Returns the pixels inside, or -1 at the first difference or outside sample.
 template <class F>
 long CompareImage(Rig const& rig, VX_VolData const& vol, Frame const& f, short const* bounds, short fill, F one)
 {

@@ -56,15 +56,12 @@ VX_Mat RandomAffine(std::mt19937& g)
 
 }  // namespace
 
-TEST(VX_3Vec, UnitVectorsDivisionTiesAndTruncation)
+TEST(VX_3Vec, DivisionTiesAndTruncation)
 {
-    ExpectVec(VX_3Vec(3), 0, 0, 0, 1);
-    for (int i : {-1, 4}) ExpectVec(VX_3Vec(i), 0, 0, 0, 0);
     // Division multiplies by the reciprocal: 5 * (1/3) differs from 5 / 3 in float.
     VX_3Vec five(5, 5, 5, 5);
     EXPECT_EQ((five / 3.0f).x, 1.66666675f);
-    five /= 3.0f;
-    EXPECT_EQ(five.w, 1.66666675f);
+    EXPECT_EQ((five /= 3.0f).w, 1.66666675f);
     const float greatest[][4] = {{1, 1, 1, 2}, {1, 1, 0, 1}, {-3, 1, 2, 0}, {2, 1, -2, 2}, {5, -5, 1, 1}};
     for (auto const& c : greatest)  // ties go to the later axis
         EXPECT_EQ(VX_3Vec(c[0], c[1], c[2], 100).GreatestElem(), (int)c[3]) << c[0] << "," << c[1] << "," << c[2];
@@ -75,8 +72,7 @@ TEST(VX_3Vec, UnitVectorsDivisionTiesAndTruncation)
     EXPECT_EQ(std::make_tuple(p.x, p.y, q.x, q.y), std::make_tuple(0, 1, -1, 3));
     // Normalize scales w too and has no guard against zero.
     VX_3Vec n(3, 4, 12, 26), zero;
-    n.Normalize();
-    zero.Normalize();
+    n.Normalize(), zero.Normalize();
     ExpectVec(n, 3 / 13.0, 4 / 13.0, 12 / 13.0, 2, 1e-6);
     EXPECT_FALSE(std::isfinite(zero.x));
 }
@@ -87,9 +83,8 @@ TEST(VX_3Vec, EqualityIsRelativeAndZerosAreUnequal)
     const float cases[][3] = {{0, 0, 0}, {1, 1.004f, 1}, {1, 1.005f, 0}, {1e-3f, 1.004e-3f, 1}, {1e4f, 1.005e4f, 0}};
     for (auto const& c : cases) {
         VX_3Vec a(0, c[0], 0, 0), b(0, c[1], 0, 100);  // w ignored
-        EXPECT_EQ(a == b, c[2] == 1) << c[0] << " " << c[1];
-        EXPECT_EQ(a != b, c[2] == 0) << c[0] << " " << c[1];
-        EXPECT_EQ(VX_2Vec(c[0], 0) == VX_2Vec(c[1], 0), c[2] == 1) << c[0] << " " << c[1];
+        bool eq = c[2] == 1;
+        EXPECT_TRUE((a == b) == eq && (a != b) != eq && (VX_2Vec(c[0], 0) == VX_2Vec(c[1], 0)) == eq) << c[0];
     }
 }
 
@@ -100,13 +95,12 @@ TEST(VX_3Vec, AffineTransformForms)
     VX_Mat M(r0, r1, r2, t);
     for (int i = 0; i < 4; ++i) M.m[i][3] = NAN;
     VX_3Vec v(1, 2, 3, 9), inPlace = v, linear = v;
-    ExpectVec(v * M, 12, 10, 16, 0);  // a new vector has w 0
-    inPlace *= M;
-    ExpectVec(inPlace, 12, 10, 16, 9);
-    linear.LinearTransform(M);
-    ExpectVec(linear, 7, 4, 9, 9);
     float raw[4] = {1, 2, 3, -123.0f};
+    linear.LinearTransform(M);
     VX_Mul(raw, M);
+    ExpectVec(v * M, 12, 10, 16, 0);  // a new vector has w 0
+    ExpectVec(inPlace *= M, 12, 10, 16, 9);
+    ExpectVec(linear, 7, 4, 9, 9);
     ExpectVec(VX_3Vec(raw), 12, 10, 16, -123.0f);
 }
 
@@ -125,8 +119,7 @@ TEST(VX_3Vec, ClipLineNarrowsToInside)
     for (Case c : cases) {
         VX_3Vec o(3, 4, c.oz, 0), dir(c.dx, 0, c.dz, 0);
         EXPECT_EQ(plane.ClipLine(o, dir, &c.tmin, &c.tmax), c.ok) << c.oz << " " << c.dz;
-        EXPECT_FLOAT_EQ(c.tmin, c.wantMin);
-        EXPECT_FLOAT_EQ(c.tmax, c.wantMax);
+        EXPECT_EQ(std::make_pair(c.tmin, c.tmax), std::make_pair(c.wantMin, c.wantMax));
     }
 }
 
@@ -147,24 +140,22 @@ TEST(VX_3Vec, PlaneTransformAndZVecFrame)
     ExpectAffine(VX_3Vec(0, -2, 0, 0).CreateZVecMat(), {{{1, 0, 0}, {0, 0, 1}, {0, -1, 0}, {0, 0, 0}}}, 1e-6);
 }
 
-TEST(VX_Mat, ProductsAgainstRowVectorRule)
+TEST(VX_Mat, ProductsAndInverseAgainstRowVectorRule)
 {
     std::mt19937 g(7);
     for (int rep = 0; rep < 20; ++rep) {
         VX_Mat A = RandomAffine(g), B = RandomAffine(g), sq = A, s = A, about = A;
         ExpectAffine(A * B, RefProduct(A, B), 1e-5);
-        sq *= sq;  // reads all inputs before writing
-        ExpectAffine(sq, RefProduct(A, A), 1e-5);
+        ExpectAffine(sq *= sq, RefProduct(A, A), 1e-5);  // reads all inputs before writing
         about.MultiplyAboutOrigin(B);
         ExpectAffine(about, RefProduct(A, B, true), 1e-5);
-        s *= 2.0f;
-        ExpectAffine(s, RefProduct(A, VX_Mat(2.0f)), 1e-5);  // the translation scales too
+        ExpectAffine(s *= 2.0f, RefProduct(A, VX_Mat(2.0f)), 1e-5);  // the translation scales too
+        ExpectAffine(A * A.Inv(), kIdentity, 1e-4);
     }
 }
 
 TEST(VX_Mat, InversesAgainstHandValues)
 {
-    ExpectAffine(VX_Mat().Inv(), kIdentity, 0);
     // Shear y' = 2x + y: the inverse subtracts it; translation -(t * Linv).
     float s0[3] = {1, 2, 0}, s1[3] = {0, 1, 0}, s2[3] = {0, 0, 1}, t[3] = {3, 4, 5};
     ExpectAffine(VX_Mat(s0, s1, s2, t).Inv(), {{{1, -2, 0}, {0, 1, 0}, {0, 0, 1}, {-3, 2, -5}}}, 1e-6);
@@ -175,12 +166,6 @@ TEST(VX_Mat, InversesAgainstHandValues)
     // 2D: block [[2, 1], [1, 1]] inverts to [[1, -1], [-1, 2]]; row and column 2 become (0, 0, 1).
     float a0[3] = {2, 1, 7}, a1[3] = {1, 1, 8}, a2[3] = {9, 9, 5}, at[3] = {3, 4, 7};
     ExpectAffine(VX_Mat(a0, a1, a2, at).Inv2D(), {{{1, -1, 0}, {-1, 2, 0}, {0, 0, 1}, {1, -5, 0}}}, 1e-6);
-    std::mt19937 g(11);
-    for (int rep = 0; rep < 20; ++rep) {
-        VX_Mat M = RandomAffine(g);
-        ExpectAffine(M * M.Inv(), kIdentity, 1e-4);
-        ExpectAffine(M.Inv() * M, kIdentity, 1e-4);
-    }
 }
 
 TEST(VX_Mat, RotMatDeterminantsAndDiagonalTest)
@@ -233,12 +218,8 @@ TEST(VX_Geometry, PrintedTexts)
     EXPECT_EQ(Captured([] { VX_Rect(1, -2, 3, 4).Debug(); }), "VX_Rect: (x,y)=(1,-2),  (w x h)=(3 x 4)\n");
     float t[3] = {-1.5f, 0, 10};
     VX_Mat m = VX_TransMat(t);
-    EXPECT_EQ(Captured([&] { m.Print("M"); }), "M\n"
-                                               " 1.000000  0.000000  0.000000 \n"
-                                               " 0.000000  1.000000  0.000000 \n"
-                                               " 0.000000  0.000000  1.000000 \n"
-                                               "-1.500000  0.000000 10.000000 \n"
-                                               "\n");
+    EXPECT_EQ(Captured([&] { m.Print("M"); }), "M\n 1.000000  0.000000  0.000000 \n 0.000000  1.000000  0.000000 \n"
+                                               " 0.000000  0.000000  1.000000 \n-1.500000  0.000000 10.000000 \n\n");
 }
 
 TEST(VX_ID, StampRulesOfTheFamily)

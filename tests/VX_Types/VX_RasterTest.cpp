@@ -108,9 +108,8 @@ TEST_F(VX_RasterTest, CopiesShareWithoutOwningAndCompareShape)
         for (VX_Raster* copy : {&c, &a, &flat}) EXPECT_TRUE(copy->data == r.data && !copy->ownsData && *copy == r);
         EXPECT_EQ(c.allocation, nullptr);
         c.interleaved = true;  // counts only at 24 bits
-        EXPECT_TRUE(c == r);
-        c.tag = 1;
-        EXPECT_TRUE(c != r);
+        a.tag = 1;
+        EXPECT_TRUE(c == r && a != r);
     }
     EXPECT_TRUE(r.ownsData);
     TouchAll(r);  // still alive after the copies went

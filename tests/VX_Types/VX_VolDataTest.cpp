@@ -65,9 +65,8 @@ TEST_F(VX_BoxTest, GridToPhysicalAndBack)
 TEST_F(VX_BoxTest, PartialBoxVerticesAndCentre)
 {
     VX_PhysBox part = box.GetPartialPhysBox(0.5f, 1.0f, 1.5f);
-    const double corners[4][3] = {{0.5, 1, 1.5}, {3.5, 1, 1.5}, {0.5, 4, 1.5}, {0.5, 1, 4.5}};
-    for (int i = 0; i < 4; ++i)
-        ExpectPoint(part.vecs[i], GridToPhys(box, corners[i][0], corners[i][1], corners[i][2]), 1e-4);
+    for (int i = 0; i < 4; ++i)  // the origin corner, then one edge's end each
+        ExpectPoint(part.vecs[i], GridToPhys(box, 0.5 + 3 * (i == 1), 1 + 3 * (i == 2), 1.5 + 3 * (i == 3)), 1e-4);
     for (int i = 0; i < 8; ++i)
         ExpectPoint(box.GetVertex(i), GridToPhys(box, (i & 1) * 4, (i >> 1 & 1) * 5, (i >> 2 & 1) * 6), 1e-5);
     ExpectPoint(box.GetCenter(), (box.GetVertex(0) + box.GetVertex(7)) * 0.5f, 1e-5);
@@ -117,21 +116,17 @@ TEST(VX_VolData, ConstructionThicknessAndTransform)
     EXPECT_EQ(v.GetThickness(), 3.0f);
     v.Translate(10, 20, 30);  // moves box only
     moved.Translate(10, 20, 30);
-    EXPECT_TRUE(v.box == moved);
-    for (int i = 0; i < 16; ++i) EXPECT_EQ(v.transposedBox.vecs[i / 4][i % 4], t.vecs[i / 4][i % 4]);
+    EXPECT_TRUE(v.box == moved && v.transposedBox == t);
 }
 
 TEST(VX_VolData, AllocatedSlicesAreSeparate)
 {
     // Small slices, so that the up to 960-byte stagger dominates each block:
     // a stagger beyond the 1024 spare bytes overlaps a neighbour or the end.
-    VX_Box b(16, 16, 32);
-    VX_VolData v(&b);
-    v.Allocate();
-    EXPECT_TRUE(v.ownsSlices);
-    vxtest::FillVolume(v, Pattern);
+    auto v = vxtest::MakeVolume(VX_Box(16, 16, 32), Pattern);
+    EXPECT_TRUE(v->ownsSlices);
     for (int z = 0; z < 32; ++z)
-        for (int i = 0; i < 256; ++i) ASSERT_EQ(vxtest::Voxel(v, i % 16, i / 16, z), Pattern(i % 16, i / 16, z));
+        for (int i = 0; i < 256; ++i) ASSERT_EQ(vxtest::Voxel(*v, i % 16, i / 16, z), Pattern(i % 16, i / 16, z));
 }
 
 TEST(VX_VolData, InitPlaceholderUntilEverySliceIsSet)
@@ -139,8 +134,7 @@ TEST(VX_VolData, InitPlaceholderUntilEverySliceIsSet)
     VX_Box b(3, 2, 4), none(3, 2, 0);
     VX_VolData v(&b), empty(&none);
     v.Init();
-    for (int z = 0; z < 4; ++z) EXPECT_EQ(v.slices[z], v.blankSlice);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(v.blankSlice[i], (short)0x8080);
+    for (int i = 0; i < 6; ++i) EXPECT_TRUE(v.slices[i % 4] == v.blankSlice && v.blankSlice[i] == (short)0x8080);
     std::vector<short> host(6, 5);
     for (int z = 0; z < 4; ++z) {
         EXPECT_FALSE(v.IsLoaded());

@@ -13,8 +13,7 @@
 
 namespace vxtest {
 
-// A box of X x Y x Z cells spaced sx, sy, sz mm along the world axes, with its
-// origin corner at `origin` (w ignored).
+// X x Y x Z cells spaced sx, sy, sz mm along the world axes, the origin corner at `origin`.
 inline VX_Box MakeBox(int X, int Y, int Z, float sx = 1.0f, float sy = 1.0f, float sz = 1.0f,
                       VX_3Vec origin = VX_3Vec())
 {
@@ -26,8 +25,7 @@ inline VX_Box MakeBox(int X, int Y, int Z, float sx = 1.0f, float sy = 1.0f, flo
 // Voxel (x, y, z) of a volume whose slices are in place.
 inline short& Voxel(VX_VolData& v, int x, int y, int z) { return v.slices[z][x + y * v.box.GetX()]; }
 
-// Sets every voxel (x, y, z) to (short)f(x, y, z).
-template <class F>
+template <class F>  // sets every voxel (x, y, z) to (short)f(x, y, z)
 void FillVolume(VX_VolData& v, F f)
 {
     for (int z = 0; z < v.box.GetZ(); ++z)
@@ -35,8 +33,7 @@ void FillVolume(VX_VolData& v, F f)
             for (int x = 0; x < v.box.GetX(); ++x) Voxel(v, x, y, z) = (short)f(x, y, z);
 }
 
-// A volume on `box` with its own (Allocate) slices, filled by f(x, y, z).
-template <class F>
+template <class F>  // a volume on `box` with its own (Allocate) slices, filled by f(x, y, z)
 std::unique_ptr<VX_VolData> MakeVolume(VX_Box box, F f)
 {
     auto v = std::make_unique<VX_VolData>(&box);
@@ -55,8 +52,7 @@ inline std::unique_ptr<VX_VolData> RandomVolume(VX_Box box, std::mt19937& rng)
     });
 }
 
-// What f prints on standard output.
-template <class F>
+template <class F>  // what f prints on standard output
 std::string Captured(F f)
 {
     testing::internal::CaptureStdout();
