@@ -3,7 +3,8 @@
 #   1. builds build/ in Release with warnings as errors and runs every test;
 #   2. checks that other projects can use the library (scripts/check-consumer.sh);
 #   3. builds build-sanitize/ with AddressSanitizer + UBSan and runs every test
-#      again; any sanitizer report (leaks included) fails the run.
+#      again; any sanitizer report (leaks included) fails the run;
+#   4. when clang++ is present, fuzzes VX_VolData::Load for 10 s (scripts/fuzz.sh).
 # The vx tool's own checks (vx demo included) are part of ctest.
 #
 #   scripts/test.sh        (CI: .ci/run)
@@ -48,5 +49,8 @@ cmake --build "$sanitize" -j"$jobs"
 
 stage "sanitizer tests"
 run_tests "$sanitize"
+
+stage "Load fuzzer"
+bash "$here/fuzz.sh" 10
 
 stage "all passed"

@@ -13,6 +13,8 @@
 #include "VX_Types/VX_Raster.h"
 #include "VX_Types/VX_Box.h"
 #include "VX_Types/VX_VolData.h"
+#include "VX_Types/VX_BitVol.h"
+#include "VX_Types/VX_RealBitVol.h"
 
 #include "VX_Apps/VX_Multithread.h"
 #include "VX_Apps/VX_ClipBounds.h"

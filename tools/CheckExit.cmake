@@ -13,6 +13,9 @@ file(WRITE ${DIR}/short.json "{\"dims\": [10, 10, 10], \"spacing_mm\": [1, 1, 1]
 file(WRITE ${DIR}/short.raw "${bytes}")
 file(WRITE ${DIR}/truncated.json "{\"dims\": [10, 10")
 file(WRITE ${DIR}/truncated.raw "")
+# Volume files: the magic alone, and a wrong magic.
+file(WRITE ${DIR}/magic_only.vxv "VX_VolDat2")
+file(WRITE ${DIR}/not_vx.vxv "VX_VolDat3 and more bytes")
 
 string(REPLACE "|" ";" args "${ARGS}")
 execute_process(COMMAND ${VX} ${args}

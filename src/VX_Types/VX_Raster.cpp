@@ -1,4 +1,5 @@
 #include "VX_Raster.h"
+#include "VX_BitVol.h"
 
 #include <stdint.h>
 #include <string.h>
@@ -15,6 +16,14 @@ VX_Raster::VX_Raster()
     : width(0), height(0), bitsPerPixel(0), valueFlag(false), data(nullptr), lineBytes(0),
       interleaved(false), ownsData(false), tag(0), allocation(nullptr)
 {
+}
+
+VX_Raster::VX_Raster(VX_BitVol* bv) : VX_Raster()
+{
+    width = bv->GetX();
+    height = bv->GetY();
+    bitsPerPixel = 1;
+    data = bv->GetSliceP(0);
 }
 
 VX_Raster::VX_Raster(VX_Raster& o)

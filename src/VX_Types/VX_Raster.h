@@ -3,6 +3,8 @@
 
 #include "VX_Export.h"
 
+class VX_BitVol;
+
 // A 2D image. Pixel (x, y) lies at byte y * GetLineBytes() + x * bytesPerPixel
 // from data, line 0 first. A planar 24-bit raster's data is an array of three
 // 8-bit plane pointers; a 1-bit raster has rows of 32-bit words. Blocks of 8 or
@@ -25,6 +27,9 @@ public:
 
     VX_Raster();
     VX_Raster(VX_Raster& o);
+    // A 1-bit view of the first slice of a bit volume: its width and height,
+    // data its slice 0 (not owned), everything else zero.
+    explicit VX_Raster(VX_BitVol* bv);
     VX_Raster& operator=(VX_Raster const& o);
     ~VX_Raster();
 

@@ -67,21 +67,25 @@ bool VX_VolData::IsLoaded() const
     return true;
 }
 
+// Leaves every pointer it freed null, so that a second Free, the destructor
+// or a Load may follow. A view without transposed blocks of its own
+// (transposedAlloc null) frees only its transposed arrays.
 void VX_VolData::Free()
 {
     if (ownsSlices) {
         if (sliceArena)
             free(sliceArena);
-        else
+        else if (slices)
             for (int i = 0; i < sliceCount; ++i)
-                delete[] (reinterpret_cast<char*>(slices[i]) - sliceStagger(i));
+                if (slices[i]) delete[] (reinterpret_cast<char*>(slices[i]) - sliceStagger(i));
         sliceArena = nullptr;
     }
     delete[] slices;
     slices = nullptr;
     if (transposedSlices) {
-        for (int i = 0; i < sliceCount; ++i)
-            if (transposedSlices[i] != blankSlice) delete[] transposedAlloc[i];
+        // GetTransposedSlices cuts every transposed block from one arena and
+        // keeps its address in the entry after the last of transposedAlloc.
+        if (transposedAlloc) free(transposedAlloc[sliceCount]);
         delete[] transposedSlices;
         delete[] transposedAlloc;
         transposedSlices = nullptr;

@@ -14,6 +14,8 @@ namespace {
 Command const kCommands[] = {
     {"demo", "render sections of a built-in CT-like phantom", RunDemo},
     {"mpr", "render a section or slab of a volume (NAME.raw + NAME.json)", RunMpr},
+    {"convert", "convert a volume between NAME.raw + NAME.json and FILE.vxv", RunConvert},
+    {"info", "print the dims, spacing, value range and rescale of a volume", RunInfo},
 };
 
 void printUsage(std::FILE* to) {
@@ -24,7 +26,7 @@ void printUsage(std::FILE* to) {
                  "\n"
                  "Commands:\n");
     for (Command const& c : kCommands)
-        std::fprintf(to, "  %-6s %s\n", c.name, c.summary);
+        std::fprintf(to, "  %-8s %s\n", c.name, c.summary);
     std::fprintf(to,
                  "\n"
                  "Run 'vx COMMAND --help' for the options of a command.\n");

@@ -20,6 +20,8 @@ int RunTool(int argc, char** argv);
 
 int RunDemo(int argc, char** argv);
 int RunMpr(int argc, char** argv);
+int RunConvert(int argc, char** argv);
+int RunInfo(int argc, char** argv);
 
 // Renders one picture, writes it as PNG and prints "LABEL  WxH  T ms".
 // Returns kExitOk, or kExitFailure after printing why the file could not be written.

@@ -19,8 +19,8 @@ void printMprUsage() {
         "usage: vx mpr --in VOLUME --out FILE.png [OPTIONS]\n"
         "\n"
         "Cuts a planar section or slab through a volume and writes it as an 8-bit grey PNG.\n"
-        "VOLUME is NAME.raw (int16 little-endian, x fastest) with its sidecar NAME.json;\n"
-        "either file or the stem NAME may be given.\n"
+        "VOLUME is NAME.raw (int16 little-endian, x fastest) with its sidecar NAME.json\n"
+        "(either file or the stem NAME may be given), or a volume file FILE.vxv.\n"
         "\n"
         "Options:\n"
         "  --in VOLUME          the volume to read (required)\n"
@@ -133,7 +133,7 @@ int RunMpr(int argc, char** argv) {
 
     Volume vol;
     std::string file, reason;
-    if (!ReadVolume(ResolveVolumePaths(r.in), &vol, &file, &reason)) {
+    if (!ReadAnyVolume(r.in, &vol, &file, &reason)) {
         std::fprintf(stderr, "vx: cannot read volume '%s': %s\n", file.c_str(), reason.c_str());
         return kExitUsage;
     }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "Json.h"
 
@@ -223,6 +224,180 @@ bool ReadVolume(VolumePaths const& paths, Volume* vol, std::string* file, std::s
         return false;
     vol->UpdateRange();
     return true;
+}
+
+}  // namespace vxtool
+
+namespace vxtool {
+
+namespace {
+
+// Shortest decimal text that reads back as the same float.
+std::string floatText(float v) {
+    char buf[32];
+    for (int digits = 6; digits <= 9; ++digits) {
+        std::snprintf(buf, sizeof buf, "%.*g", digits, (double)v);
+        if (std::strtof(buf, nullptr) == v)
+            break;
+    }
+    return buf;
+}
+
+std::string tripleText(float const v[3]) {
+    return "[" + floatText(v[0]) + ", " + floatText(v[1]) + ", " + floatText(v[2]) + "]";
+}
+
+// Runs fn with stdout sent to a temporary file, and returns what it printed.
+template <class Fn>
+std::string quietly(Fn fn) {
+    std::fflush(stdout);
+    std::FILE* tmp = std::tmpfile();
+    int saved = tmp ? dup(1) : -1;
+    if (saved < 0 || dup2(fileno(tmp), 1) < 0) {
+        if (saved >= 0)
+            close(saved);
+        if (tmp)
+            std::fclose(tmp);
+        fn();
+        return std::string();
+    }
+    fn();
+    std::fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    std::string text;
+    std::rewind(tmp);
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, tmp)) > 0)
+        text.append(buf, n);
+    std::fclose(tmp);
+    return text;
+}
+
+// The last line of the library's output that is not a progress line "i / n ".
+std::string lastMessage(std::string const& text) {
+    std::string last;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find_first_of("\r\n", start);
+        if (end == std::string::npos)
+            end = text.size();
+        std::string line = text.substr(start, end - start);
+        int a, b;
+        char tail;
+        bool progress = std::sscanf(line.c_str(), "%d / %d %c", &a, &b, &tail) == 2;
+        if (!line.empty() && !progress)
+            last = line;
+        start = end + 1;
+    }
+    return last.empty() ? "unreadable volume file" : last;
+}
+
+}  // namespace
+
+bool WriteVolume(VolumePaths const& paths, Volume const& vol, std::string* file,
+                 std::string* reason) {
+    *file = paths.raw;
+    File f(std::fopen(paths.raw.c_str(), "wb"));
+    if (!f) {
+        *reason = std::strerror(errno);
+        return false;
+    }
+    size_t n = (size_t)vol.dims[0] * (size_t)vol.dims[1];
+    std::vector<unsigned char> bytes(n * 2);
+    for (int z = 0; z < vol.dims[2]; ++z) {
+        short const* s = vol.data->slices[z];
+        for (size_t i = 0; i < n; ++i) {
+            unsigned short u = (unsigned short)s[i];
+            bytes[2 * i] = (unsigned char)(u & 0xff);
+            bytes[2 * i + 1] = (unsigned char)(u >> 8);
+        }
+        if (std::fwrite(bytes.data(), 1, bytes.size(), f.get()) != bytes.size()) {
+            *reason = "write error";
+            return false;
+        }
+    }
+    if (std::fclose(f.release()) != 0) {
+        *reason = "write error";
+        return false;
+    }
+    *file = paths.json;
+    f.reset(std::fopen(paths.json.c_str(), "wb"));
+    if (!f) {
+        *reason = std::strerror(errno);
+        return false;
+    }
+    std::string json = "{\n  \"dims\": [" + std::to_string(vol.dims[0]) + ", " +
+                       std::to_string(vol.dims[1]) + ", " + std::to_string(vol.dims[2]) +
+                       "],\n  \"spacing_mm\": " + tripleText(vol.spacing) +
+                       ",\n  \"origin_mm\": " + tripleText(vol.origin) +
+                       ",\n  \"rescale_slope\": " + floatText(vol.Slope()) +
+                       ",\n  \"rescale_intercept\": " + floatText(vol.Intercept()) +
+                       ",\n  \"dtype\": \"int16\",\n  \"byte_order\": \"little\"\n}\n";
+    if (std::fwrite(json.data(), 1, json.size(), f.get()) != json.size() ||
+        std::fclose(f.release()) != 0) {
+        *reason = "write error";
+        return false;
+    }
+    return true;
+}
+
+bool IsVolumeFile(std::string const& path) {
+    return endsWith(path, ".vxv");
+}
+
+bool ReadVolumeFile(std::string const& path, Volume* vol, std::string* reason) {
+    File probe;
+    long long size;
+    if (!openRegular(path, &probe, &size, reason))
+        return false;
+    probe.reset();
+    VX_Box empty;
+    vol->data = std::make_unique<VX_VolData>(&empty);
+    bool ok = false;
+    std::string said = quietly([&] { ok = vol->data->Load(path.c_str()); });
+    if (!ok) {
+        *reason = lastMessage(said);
+        return false;
+    }
+    VX_Box const& b = vol->data->box;
+    for (int a = 0; a < 3; ++a) {
+        if (b.dims[a] < 1 || b.dims[a] > kMaxDim) {
+            *reason = "dims must be 1.." + std::to_string(kMaxDim);
+            return false;
+        }
+    }
+    vol->box = b;
+    for (int a = 0; a < 3; ++a) {
+        vol->dims[a] = b.dims[a];
+        vol->spacing[a] = b.GetMMPP(a);
+    }
+    vol->origin[0] = b.vecs[0].x;
+    vol->origin[1] = b.vecs[0].y;
+    vol->origin[2] = b.vecs[0].z;
+    return true;
+}
+
+bool WriteVolumeFile(std::string const& path, Volume& vol, std::string* reason) {
+    bool ok = false;
+    int err = 0;
+    std::string said = quietly([&] {
+        errno = 0;
+        ok = vol.data->Save(path.c_str());
+        err = errno;
+    });
+    if (!ok)
+        *reason = lastMessage(said) + (err ? std::string(" (") + std::strerror(err) + ")" : "");
+    return ok;
+}
+
+bool ReadAnyVolume(std::string const& path, Volume* vol, std::string* file, std::string* reason) {
+    if (IsVolumeFile(path)) {
+        *file = path;
+        return ReadVolumeFile(path, vol, reason);
+    }
+    return ReadVolume(ResolveVolumePaths(path), vol, file, reason);
 }
 
 }  // namespace vxtool
