@@ -132,6 +132,16 @@ VX_BenchPlane VX_AxialPlane() { return MakePlane(0.0, 0.0); }
 
 VX_BenchPlane VX_ObliquePlane() { return MakePlane(25.0 * kPi / 180.0, 35.0 * kPi / 180.0); }
 
+VX_Mat VX_BenchPlaneTrans(VX_BenchPlane const& p)
+{
+    float r0[3] = {(float)p.u[0], (float)p.v[0], (float)p.n[0]};
+    float r1[3] = {(float)p.u[1], (float)p.v[1], (float)p.n[1]};
+    float r2[3] = {(float)p.u[2], (float)p.v[2], (float)p.n[2]};
+    float toOrigin[3] = {-(float)p.center[0], -(float)p.center[1], -(float)p.center[2]};
+    float toPicture[3] = {(float)(kBenchW * kBenchMMPP * 0.5), (float)(kBenchH * kBenchMMPP * 0.5), 0.f};
+    return VX_TransMat(toOrigin) * VX_Mat(r0, r1, r2, nullptr) * VX_TransMat(toPicture);
+}
+
 double VX_SlabStepMM(VX_BenchPlane const& p)
 {
     double c = 0;

@@ -41,6 +41,11 @@ VX_BenchPlane VX_AxialPlane();
 // The axial axes turned 25 degrees about x, then 35 degrees about y.
 VX_BenchPlane VX_ObliquePlane();
 
+// Volume physical -> image physical for a kBenchW x kBenchH picture of
+// kBenchMMPP pixels whose box starts at the origin: the plane's centre goes to
+// the picture's centre and (u, v, n) to the image axes.
+VX_Mat VX_BenchPlaneTrans(VX_BenchPlane const& p);
+
 // Slab sampling as the reformatter does it: the step along n is one voxel on
 // the grid axis nearest n, and trunc(half thickness / step) steps go each way.
 double VX_SlabStepMM(VX_BenchPlane const& p);

@@ -12,18 +12,6 @@ namespace {
 
 enum class Slab { kNone, kAvg, kMax, kMin };
 
-// Volume physical -> image physical: the plane's centre goes to the picture's
-// centre and (u, v, n) to the image axes.
-VX_Mat PlaneTrans(VX_BenchPlane const& p)
-{
-    float r0[3] = {(float)p.u[0], (float)p.v[0], (float)p.n[0]};
-    float r1[3] = {(float)p.u[1], (float)p.v[1], (float)p.n[1]};
-    float r2[3] = {(float)p.u[2], (float)p.v[2], (float)p.n[2]};
-    float toOrigin[3] = {-(float)p.center[0], -(float)p.center[1], -(float)p.center[2]};
-    float toPicture[3] = {(float)(kBenchW * kBenchMMPP * 0.5), (float)(kBenchH * kBenchMMPP * 0.5), 0.f};
-    return VX_TransMat(toOrigin) * VX_Mat(r0, r1, r2, nullptr) * VX_TransMat(toPicture);
-}
-
 void RunMPR(benchmark::State& state, VX_BenchPlane plane, int interpolation, Slab slab)
 {
     VX_BenchVolume& bv = VX_GetBenchVolume();
@@ -33,7 +21,7 @@ void RunMPR(benchmark::State& state, VX_BenchPlane plane, int interpolation, Sla
     VX_MPR mpr;
     mpr.volData = bv.vol;
     mpr.volBox = bv.box;
-    mpr.trans = PlaneTrans(plane);
+    mpr.trans = VX_BenchPlaneTrans(plane);
     mpr.imageBox = VX_Box(image, kBenchW, kBenchH, 1);
     mpr.output = out.data();
     mpr.slabThickness = slab == Slab::kNone ? 0.f : (float)kBenchSlabMM;

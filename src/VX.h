@@ -19,5 +19,10 @@
 #include "VX_Apps/VX_Multithread.h"
 #include "VX_Apps/VX_ClipBounds.h"
 #include "VX_Apps/VX_MPR.h"
+#include "VX_Apps/VX_ClippingObject.h"
+#include "VX_Apps/VX_ClippingObjectManager.h"
+#include "VX_Apps/VX_ClippingBoundsManager.h"
+
+#include "VX_Zoom/VX_ShearZoom.h"
 
 #endif

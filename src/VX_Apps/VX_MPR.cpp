@@ -2,12 +2,14 @@
 
 #include <math.h>
 #include <string.h>
+#include <algorithm>
 #include <vector>
 
 #include "VX_ClipBounds.h"
 #include "VX_MPRKernels.h"
 #include "VX_MPRKernelsSSE2.h"
 #include "../VX_Types/VX_CPU.h"
+#include "../VX_Zoom/VX_ShearZoom.h"
 
 using namespace vx_mpr;
 
@@ -21,6 +23,21 @@ constexpr float kGuard = 5000.0f;
 
 // The initial aligned picture: 0x20000 bytes, 256 * 256 values.
 constexpr int kRotatedSide = 256;
+
+// Image pixels beyond the aligned picture's reach read this after the warp.
+constexpr int kWarpBackground = 0x8080;
+
+// Pixels kept around the image when the aligned picture's rows are clipped.
+constexpr float kImageMargin = 4.0f;
+
+// The 2D part of a pixel-to-pixel transform is finite: the warp can place it.
+bool isPlaced(VX_Mat const& m)
+{
+    int const rows[3] = {0, 1, 3};
+    for (int r : rows)
+        if (!isfinite(m.m[r][0]) || !isfinite(m.m[r][1])) return false;
+    return true;
+}
 
 }  // namespace
 
@@ -37,10 +54,41 @@ VX_MPR::~VX_MPR() { delete[] rotatedBuffer; }
 
 void VX_MPR::CalcRaster()
 {
+    if (!rotate) {
+        calcPicture(nullptr, nullptr);
+        return;
+    }
+
+    // The picture is sampled in a frame turned about the image normal, into
+    // rotatedBuffer, then warped into the host's image. K maps image pixels to
+    // picture pixels.
     VX_Mat savedTrans = trans;
     VX_Box savedImageBox = imageBox;
     short* savedOutput = output;
+    CalcRotation();
+    VX_Mat K = imageBox.GetIntToPhysTrans() * (trans.Inv() * rotatedTrans) *
+               rotatedBox.GetPhysToIntTrans();
+    trans = rotatedTrans;
+    imageBox = rotatedBox;
+    output = rotatedBuffer;
+    calcPicture(&K, savedImageBox.dims);
+    trans = savedTrans;
+    imageBox = savedImageBox;
+    output = savedOutput;
 
+    // Image pixels that the picture does not reach get 0x8080, not the minimum.
+    if (rotatedBox.dims[0] > 0 && isPlaced(K)) {
+        VX_LinShearZoom(rotatedBuffer, output, rotatedBox.dims, imageBox.dims, K, kWarpBackground);
+    } else {
+        // An empty picture, or a view too degenerate to place it (a NaN or
+        // infinite transform): nothing is reached.
+        size_t n = (size_t)std::max(imageBox.dims[0], 0) * (size_t)std::max(imageBox.dims[1], 0);
+        for (size_t i = 0; i < n; ++i) output[i] = (short)kWarpBackground;
+    }
+}
+
+void VX_MPR::calcPicture(VX_Mat const* toPicture, int const* origSize)
+{
     int W = imageBox.dims[0], H = imageBox.dims[1];
     if (W > 0 && H > 0) {
         short fill = (short)volData->GetMinPixelValue();
@@ -66,7 +114,22 @@ void VX_MPR::CalcRaster()
     } else {
         PrepareCBounds(bounds, 0, true);
     }
-    boundingRect = computeBoundingRect(W, H, bounds);
+    if (toPicture) {
+        // Only the part of the picture that the warp reads: the image's four
+        // sides pushed out by a margin, moved into picture pixels. The whole
+        // picture counts as holding samples.
+        float const sides[4][4] = {{-1, 0, 0, -kImageMargin},
+                                   {1, 0, 0, -kImageMargin - (float)origSize[0]},
+                                   {0, -1, 0, -kImageMargin},
+                                   {0, 1, 0, -kImageMargin - (float)origSize[1]}};
+        for (auto const& side : sides) {
+            VX_3Vec plane = VX_3Vec(side).PlaneTransform(*toPicture);
+            VX_ClipBounds(bounds, W, H, &plane.x, false);
+        }
+        boundingRect = VX_Rect(0, 0, W, H);
+    } else {
+        boundingRect = computeBoundingRect(W, H, bounds);
+    }
 
     if (slab) {
         VX_3Vec zvec;
@@ -77,10 +140,6 @@ void VX_MPR::CalcRaster()
     } else if (interpolation == 1) {
         CalcImageTriLin(bounds);
     }
-
-    trans = savedTrans;
-    imageBox = savedImageBox;
-    output = savedOutput;
 }
 
 VX_Rect VX_MPR::computeBoundingRect(int w, int h, short* bounds)

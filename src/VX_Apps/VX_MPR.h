@@ -11,6 +11,9 @@
 // minimum along the image normal). The host fills the fields and calls
 // CalcRaster; the picture lands in `output`. Sampling is 18-bit fixed point
 // with no per-pixel bounds test: every row is clipped against the volume first.
+// With rotate set, the picture is sampled in a frame turned about the image
+// normal (rows along a volume axis, at a resolution that may be reduced) and
+// warped into output by one bilinear 2D warp.
 // Copies are shallow and share rotatedBuffer; only one of them may be destroyed.
 class VX_EXPORT VX_MPR {
 public:
@@ -22,7 +25,8 @@ public:
     float slabThickness;       // mm; above 0 selects the slab path
     int interpolation;         // 0 nearest, 1 trilinear
     int curvedMode;
-    bool rotate;               // render through the aligned picture; keep false
+    bool rotate;               // sample an intermediate picture whose rows run along a
+                               // volume axis, then warp it into output (background 0x8080)
     VX_Multithread multithread;  // interrupt source of the slab path
     bool slabMIP;              // slab takes the maximum (wins over slabMin)
     bool slabMin;              // slab takes the minimum
@@ -30,9 +34,9 @@ public:
     bool noInterrupt;          // the slab path does not poll
     VX_Rect boundingRect;      // result: the part of the image that holds samples
     bool curvedNoFlip;
-    float rotationAngle;
-    VX_Mat rotatedTrans;
-    VX_Box rotatedBox;
+    float rotationAngle;       // radians the image is turned about its normal (rotate)
+    VX_Mat rotatedTrans;       // volume physical -> intermediate picture physical
+    VX_Box rotatedBox;         // the intermediate picture: N x N pixels, centred at 0
     float avgScale;            // 1 / samples per ray, set by the slab path
     int slabAxis;              // volume axis nearest the image normal
     short* rotatedBuffer;      // the aligned picture, owned
@@ -44,7 +48,10 @@ public:
     ~VX_MPR();
 
     // Fills output with the volume's minimum value, clips the rows against the
-    // volume (both slab faces for a slab), sets boundingRect and samples.
+    // volume (both slab faces for a slab), sets boundingRect and samples. With
+    // rotate, all this happens on the aligned picture in rotatedBuffer (and
+    // boundingRect is that whole picture), then the warp fills output; pixels
+    // it cannot reach read 0x8080.
     void CalcRaster();
     // The bounding rectangle of the non-empty rows of a bounds array.
     static VX_Rect computeBoundingRect(int w, int h, short* bounds);
@@ -123,6 +130,15 @@ private:
     // (x, y, z), each next one (dx, dy, dz) further, in 18-bit fixed point.
     using SectionRow = void (*)(short* out, int n, short* const* slices, int X, int x, int y, int z,
                                 int dx, int dy, int dz);
+
+    // Turns the image about its normal so that the sampler's rows run along a
+    // volume axis; sets rotationAngle, rotatedTrans, rotatedBox and grows
+    // rotatedBuffer to hold the picture.
+    void CalcRotation();
+    // Fills, clips and samples the picture that trans, imageBox and output
+    // describe. With toPicture (image pixels -> picture pixels) the rows are
+    // also clipped to the image of origSize plus a margin.
+    void calcPicture(VX_Mat const* toPicture, int const* origSize);
 
     // Fixed-point start and steps of pixel (0, 0); false when the guard fails.
     bool fixedPointFrame(bool shiftHalf, int* start, int* col, int* row);

@@ -882,6 +882,7 @@ VX_BVSeqIterator::VX_BVSeqIterator(VX_BitVol* v)
 bool VX_BVSeqIterator::GoToSlice(int zz)
 {
     const int n = vol->wordsPerSlice;
+    if (zz < 0) zz = 0;
     for (; zz < vol->dims[2]; ++zz) {
         unsigned int* p = vol->slices[zz];
         for (int w = 0; w < n; ++w) {

@@ -43,7 +43,6 @@ public:
     // padX, padY on each side and cleared; depth 8 sets a bit where the byte is
     // non-zero, depths 9 to 16 where the signed pixel exceeds threshold.
     VX_BitVol(VX_Raster* raster, int threshold = 0, int padX = 0, int padY = 0);
-    virtual ~VX_BitVol();
 
     // Resizes like Resize when the dims differ, then copies every word and clean.
     VX_BitVol& operator=(const VX_BitVol& o);
@@ -53,6 +52,10 @@ public:
     virtual VX_BitVol* Clone();
     virtual VX_BitVol* EmptyClone();
     virtual VX_BVSeqIterator* CreateIterator();
+    // Declared here to keep the virtual slots in their order: Clone,
+    // EmptyClone, CreateIterator, the destructor, OrNot, the bounding
+    // operations.
+    virtual ~VX_BitVol();
 
     // Frees what is held (slices only if owned), recomputes the word counts
     // and sliceCount from dims, makes the table and, with withSlices, owned
@@ -166,9 +169,10 @@ public:
     // Erosion in place by one voxel across the four in-plane faces of each
     // slice, outside clear. The result is clean.
     void ErodeXY();
-    // A new clean volume (caller owns) holding, slice by slice, the set voxels
-    // and every clear voxel that cannot reach the slice border through clear
-    // voxels (4-connected): the mask with its holes filled.
+    // A new clean volume (caller owns; made by EmptyClone, so of this
+    // volume's kind) holding, slice by slice, the set voxels and every clear
+    // voxel that cannot reach the slice border through clear voxels
+    // (4-connected): the mask with its holes filled.
     VX_BitVol* GetSlicewiseSimplyConnected();
     // Flood fill in slice z from the seed (x, y) through clear voxels,
     // 4-connected. Afterwards slice z holds exactly the flooded region; with
@@ -215,12 +219,14 @@ public:
 
     // Positions on the first set bit.
     explicit VX_BVSeqIterator(VX_BitVol* v);
-    virtual ~VX_BVSeqIterator() = default;
     // Moves to the next set bit. True exactly when it is the immediate
     // successor of the old position and no scan was needed.
     virtual bool operator++(int);
     // The first set bit of slice z or later: true, or all -1 and false.
+    // z must not exceed Z; a negative z starts at slice 0.
     virtual bool GoToSlice(int z);
+    // After the two walking operations, so that they keep the first slots.
+    virtual ~VX_BVSeqIterator() = default;
 
 protected:
     // Scans from the word after wordPtr at (x, y, z) for the next set bit.

@@ -261,7 +261,9 @@ VX_BitVol* VX_BitVol::GetSlicewiseSimplyConnected()
 {
     const int X = dims[0], Y = dims[1], Z = dims[2], wpl = wordsPerLine;
     const size_t wps = (size_t)wordsPerSlice;
-    VX_BitVol* out = new VX_BitVol(X, Y, Z);
+    // EmptyClone, so that a tight block gives a tight block (with its offsets
+    // and full-volume iterator), as the shells built from it expect.
+    VX_BitVol* out = EmptyClone();
     out->clean = true;
     if (X <= 0 || Y <= 0 || Z <= 0) return out;
     const unsigned int lastMask = lastWordMask(X);

@@ -29,7 +29,7 @@ public:
     VX_Raster(VX_Raster& o);
     // A 1-bit view of the first slice of a bit volume: its width and height,
     // data its slice 0 (not owned), everything else zero.
-    explicit VX_Raster(VX_BitVol* bv);
+    VX_Raster(VX_BitVol* bv);
     VX_Raster& operator=(VX_Raster const& o);
     ~VX_Raster();
 

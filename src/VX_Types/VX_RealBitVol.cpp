@@ -215,7 +215,8 @@ void VX_RealBitVol::RealSphere(float* center, float radius)
 {
     float r[3];
     for (int i = 0; i < 3; ++i) r[i] = radius / (box.GetSize(i) / (float)box.dims[i]);
-    VX_3Vec c(center);
+    // Only x, y and z take part in the transform, so w is not read.
+    VX_3Vec c(center[0], center[1], center[2]);
     c *= box.GetPhysToIntTrans();
     Sphere(c, r[0], r[1], r[2]);
 }

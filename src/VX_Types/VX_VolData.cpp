@@ -1,5 +1,6 @@
 #include "VX_VolData.h"
 
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -10,7 +11,13 @@ namespace {
 // (x, y) of neighbouring slices falls into different cache sets.
 inline int sliceStagger(int i) { return ((i * 179) & 480) * 2; }
 
-inline int roundHalfAway(float v) { return (int)(v > 0 ? v + 0.5f : v - 0.5f); }
+// Truncation toward zero; a value beyond the 32-bit range, or NaN, gives
+// INT_MIN, as the processor's conversion does (and so reads as outside).
+inline int truncToInt(double v) { return v > -2147483649.0 && v < 2147483648.0 ? (int)v : INT_MIN; }
+
+// v + 0.5 when v > 0, otherwise v - 0.5, in double (so that no float rounding
+// of the sum moves it), then truncated toward zero.
+inline int roundHalfAway(float v) { return truncToInt(v > 0 ? v + 0.5 : v - 0.5); }
 
 }  // namespace
 
@@ -106,7 +113,7 @@ int VX_VolData::HUToRaw(int h) const { return roundHalfAway(HUToRaw((float)h)); 
 
 bool VX_VolData::GetValueAtIntCoords(int* out, VX_3Vec p, int) const
 {
-    int x = (int)p.x, y = (int)p.y, z = (int)p.z;
+    int x = truncToInt(p.x), y = truncToInt(p.y), z = truncToInt(p.z);
     if (x < 0 || y < 0 || z < 0 || x >= box.GetX() || y >= box.GetY() || z >= box.GetZ())
         return false;
     *out = slices[z][x + y * box.GetX()];

@@ -9,7 +9,7 @@ class VX_BitVol;
 // Each slice pointer is independent: a slice may be owned (Allocate), the
 // host's (SetSlice) or the shared placeholder blankSlice (Init). Copies are
 // shallow; exactly one of a volume and its copies may free.
-class VX_EXPORT VX_VolData final : public VX_Transformable {
+class VX_EXPORT VX_VolData : public VX_Transformable {
 public:
     VX_VolData* lowRes;          // reduced copy, owned; null until made
     VX_Box box;
@@ -28,7 +28,7 @@ public:
     explicit VX_VolData(VX_Box* b);
     VX_VolData(VX_VolData const& o) = default;
     VX_VolData& operator=(VX_VolData const& o) = default;
-    ~VX_VolData();
+    virtual ~VX_VolData();
 
     // Makes every slice, staggered by ((i * 179) & 480) * 2 bytes.
     void Allocate();

@@ -139,6 +139,12 @@ TEST(VX_BitVolMorphology, HolesFilledAndFloods)
         v.SetBitOn(x, y, 0);
     std::unique_ptr<VX_BitVol> f(v.GetSlicewiseSimplyConnected());
     EXPECT_TRUE(f->GetBit(3, 2, 0) && !f->GetBit(39, 1, 0) && f->clean && f->CountBits() == 14);
+    // On a tight block the result is a block with the same offsets.
+    VX_TightBitVol t(&v, 1);
+    std::unique_ptr<VX_BitVol> tf(t.GetSlicewiseSimplyConnected());
+    auto* tb = dynamic_cast<VX_TightBitVol*>(tf.get());
+    ASSERT_NE(tb, nullptr);
+    EXPECT_TRUE(std::equal(tb->offset, tb->offset + 3, t.offset) && tb->GetBit(3 - t.offset[0], 2 - t.offset[1], 0));
 
     // Random slices with dirty tails: holes against a flood from the border, and
     // Fill2D of slice 1 against a flood from the seed (slice 0 untouched).

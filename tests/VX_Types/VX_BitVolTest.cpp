@@ -269,7 +269,7 @@ TEST(VX_BitVol, SeqIteratorWalksSetBitsInOrder)
             EXPECT_EQ((*it)++, next);
         }
         EXPECT_EQ(Pos(it->x, it->y, it->z), kEnd);
-        for (int z = 0; z <= 5; ++z) {
+        for (int z = -2; z <= 5; ++z) {  // below 0: from slice 0
             auto first = std::find_if(ref.begin(), ref.end(), [&](Pos const& p) { return std::get<2>(p) >= z; });
             EXPECT_EQ(it->GoToSlice(z), first != ref.end());
             EXPECT_EQ(Pos(it->x, it->y, it->z), first != ref.end() ? *first : kEnd);

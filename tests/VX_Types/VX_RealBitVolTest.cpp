@@ -106,7 +106,7 @@ TEST(VX_RealBitVol, RealGetBitFacesAndSphere)
     VX_Box s = MakeBox(20, 20, 10, 1, 1, 2);
     VX_RealBitVol sphere(&s);
     sphere.Clear();
-    float c[4] = {10, 9, 10, 0};
+    float c[3] = {10, 9, 10};  // w is not read
     sphere.RealSphere(c, 4.0f);
     VX_BitVol ref(20, 20, 10);
     ref.Clear();
@@ -317,6 +317,8 @@ TEST(VX_TightBitVol, BlockOffsetsAndIterator)
     ASSERT_TRUE(it->GoToSlice(7));
     ASSERT_TRUE(is->GoToSlice(7));
     EXPECT_EQ(Walk(it.get()), Walk(is.get()));
+    ASSERT_TRUE(it->GoToSlice(1));  // below the block: from its first slice
+    EXPECT_EQ(Walk(it.get()), expected);
     EXPECT_FALSE(it->GoToSlice(tb.offset[2] + tb.GetZ()));
     EXPECT_EQ(it->z, -1);
 

@@ -208,6 +208,10 @@ TEST(VX_VolDataOps, ClearWriteAndSetValue)
     mask.Clear();
     for (int p : {0, 31 + 40, 32 + 40, 39 + 80 + 120, 5 + 120}) mask.SetBitOn(p % 40, p / 40 % 3, p / 120);
     auto w = MakeVolume(VX_Box(40, 3, 2), [](int, int, int) { return 1; });
+    VX_Raster view = &mask;  // slice 0 as a 1-bit raster, nothing else set
+    EXPECT_TRUE(view.width == 40 && view.height == 3 && view.bitsPerPixel == 1 && view.data == mask.GetSliceP(0) &&
+                !view.ownsData && !view.lineBytes && !view.interleaved && !view.valueFlag && !view.tag &&
+                !view.allocation && view.GetLineBytes() == 8);
     w->SetValue(&mask, -300);
     ForEach(*w, [&](int x, int y, int z) { EXPECT_EQ(Voxel(*w, x, y, z), mask.GetBit(x, y, z) ? -300 : 1); });
 }

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <math.h>
+
 #include <array>
 #include <memory>
 #include <tuple>
@@ -161,6 +163,13 @@ TEST(VX_VolData, HounsfieldRoundsHalfAwayFromZero)
         EXPECT_EQ(std::make_pair(v.RawToHU(c.in), v.HUToRaw(c.in)), std::make_pair(c.hu, c.raw)) << c.in;
     }
     EXPECT_EQ(std::make_pair(v.RawToHU(2.5f), v.HUToRaw(-995.0f)), std::make_pair(-995.0f, 2.5f));
+    // The half is added exactly: a float sum would round 2^23 + 1 + 0.5 up to
+    // 2^23 + 2, and 0.49999997 + 0.5 up to 1.
+    v.SetRescaleIntercept(0);
+    v.SetRescaleSlope(1);
+    EXPECT_EQ(std::make_pair(v.RawToHU(8388609), v.HUToRaw(-8388609)), std::make_pair(8388609, -8388609));
+    v.SetRescaleSlope(0.49999997f);
+    EXPECT_EQ(std::make_pair(v.RawToHU(1), v.RawToHU(-1)), std::make_pair(0, 0));
 }
 
 TEST(VX_VolData, ReadsVoxelByTruncatedCoordinates)
@@ -184,7 +193,29 @@ TEST(VX_VolData, ReadsVoxelByTruncatedCoordinates)
     }
     int out = 12345;
     EXPECT_FALSE(v->GetValueAtPhysCoords(&out, VX_3Vec(0.5f, 0.5f, -1.5f, 0) * toPhys, 0));
+    // Beyond the 32-bit range, or NaN: outside, with no undefined conversion.
+    for (float f : {3e9f, -3e9f, 1e30f, NAN})
+        EXPECT_FALSE(v->GetValueAtIntCoords(&out, VX_3Vec(0, f, 0, 0), 0) || v->GetValueAtIntCoords(&out, VX_3Vec(f, 0, 0, 0), 0));
     EXPECT_EQ(out, 12345);
+}
+
+TEST(VX_VolData, ProtectedFreeReleasesAllButThePlaceholder)
+{
+    // A host may derive to reach Free; the placeholder stays until destruction.
+    struct Freeable : VX_VolData {
+        using VX_VolData::VX_VolData;
+        using VX_VolData::Free;
+    };
+    VX_Box b(8, 6, 4);
+    Freeable v(&b), w(&b);
+    v.Allocate();
+    v.GetTransposedSlices();
+    v.CreateLowRes(true, 2);
+    v.Free();
+    EXPECT_TRUE(!v.lowRes && !v.transposedSlices && !v.transposedAlloc);
+    w.Init();
+    w.Free();
+    EXPECT_EQ(w.blankSlice[47], (short)0x8080);
 }
 
 TEST(VX_VolData, CloneSharesSlicesAndCopiesRescale)

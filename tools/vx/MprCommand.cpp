@@ -4,6 +4,7 @@
 
 #include "Commands.h"
 #include "Options.h"
+#include "ClipReport.h"
 #include "VolumeIO.h"
 
 namespace vxtool {
@@ -36,6 +37,13 @@ void printMprUsage() {
         "                       makes the picture span the volume's longest side\n"
         "  --window W/L         grey window width and level, rescaled units such as HU\n"
         "                       (default 400/40)\n"
+        "  --rotate             sample in a frame turned about the normal so that rows\n"
+        "                       run along a volume axis, then warp to the picture\n"
+        "  --clip-sphere X,Y,Z,R   a clipping sphere (mm); prints the share of the\n"
+        "                       volume's scanlines it keeps\n"
+        "  --clip-plane A,B,C,D    a clipping plane, keeping A x + B y + C z + D <= 0\n"
+        "                       (mm); prints the share of scanlines it keeps, and with\n"
+        "                       both options the share that both keep\n"
         "  -h, --help           show this help\n"
         "\n"
         "The picture is seen looking along the normal. Its downward axis follows +y when\n"
@@ -53,6 +61,7 @@ struct MprRequest {
     Section section;
     Window window;
     bool hasCenter = false;
+    std::vector<ClipSpec> clips;
 };
 
 // Reads and checks every option before any file is touched.
@@ -110,6 +119,19 @@ bool readRequest(OptionSet const& opts, MprRequest* r) {
     }
     if (opts.Has("size") && !ParseSize(opts.Get("size"), kMaxPictureSide, &s.width, &s.height))
         return badValue("--size", opts.Get("size"), "WxH, each 1 to 8192");
+    s.rotate = opts.Has("rotate");
+    if (opts.Has("clip-sphere")) {
+        ClipSpec c{ClipSpec::Kind::Sphere, {0, 0, 0, 0}, opts.Get("clip-sphere")};
+        if (!ParseNumbers(c.text, 4, c.v) || !(c.v[3] > 0))
+            return badValue("--clip-sphere", c.text, "X,Y,Z,R in mm with R above 0");
+        r->clips.push_back(c);
+    }
+    if (opts.Has("clip-plane")) {
+        ClipSpec c{ClipSpec::Kind::Plane, {0, 0, 0, 0}, opts.Get("clip-plane")};
+        if (!ParseNumbers(c.text, 4, c.v) || (c.v[0] == 0 && c.v[1] == 0 && c.v[2] == 0))
+            return badValue("--clip-plane", c.text, "A,B,C,D with A, B, C not all 0");
+        r->clips.push_back(c);
+    }
     if (opts.Has("window") &&
         !ParseWindow(opts.Get("window"), &r->window.width, &r->window.level))
         return badValue("--window", opts.Get("window"), "W/L with W above 0");
@@ -119,8 +141,10 @@ bool readRequest(OptionSet const& opts, MprRequest* r) {
 }  // namespace
 
 int RunMpr(int argc, char** argv) {
-    OptionSet opts("mpr", {"in", "out", "normal", "center", "thickness", "mode", "interp", "size",
-                           "window"});
+    OptionSet opts("mpr",
+                   {"in", "out", "normal", "center", "thickness", "mode", "interp", "size",
+                    "window", "clip-sphere", "clip-plane"},
+                   {"rotate"});
     if (!opts.Parse(argc, argv, 2))
         return kExitUsage;
     if (opts.HelpWanted()) {
@@ -145,7 +169,10 @@ int RunMpr(int argc, char** argv) {
         s.center[2] = c.z;
     }
     s.mmpp = vol.LargestExtent() / (float)std::min(s.width, s.height);
-    return EmitPicture(vol, s, r.window, r.out, r.out);
+    int status = EmitPicture(vol, s, r.window, r.out, r.out);
+    if (status == kExitOk && !r.clips.empty())
+        ReportClipping(vol, r.clips);
+    return status;
 }
 
 }  // namespace vxtool

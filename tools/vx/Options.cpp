@@ -32,6 +32,16 @@ bool OptionSet::Parse(int argc, char** argv, int first) {
             value = name.substr(eq + 1);
             name.resize(eq);
         }
+        bool isFlag = false;
+        for (auto const& f : flags_) isFlag = isFlag || f == name;
+        if (isFlag) {
+            if (inlineValue) {
+                UsageError("option '--" + name + "' takes no value");
+                return false;
+            }
+            values_[name] = "";
+            continue;
+        }
         bool known = false;
         for (auto const& n : names_) known = known || n == name;
         if (!known) {
@@ -64,16 +74,23 @@ bool ParseNumber(std::string const& text, float* out) {
     return true;
 }
 
+bool ParseNumbers(std::string const& text, int n, float* out) {
+    size_t start = 0;
+    for (int i = 0; i < n; ++i) {
+        size_t comma = text.find(',', start);
+        bool last = i == n - 1;
+        if (last != (comma == std::string::npos))
+            return false;
+        size_t end = last ? text.size() : comma;
+        if (!ParseNumber(text.substr(start, end - start), &out[i]))
+            return false;
+        start = end + 1;
+    }
+    return true;
+}
+
 bool ParseTriple(std::string const& text, float out[3]) {
-    size_t a = text.find(',');
-    if (a == std::string::npos)
-        return false;
-    size_t b = text.find(',', a + 1);
-    if (b == std::string::npos || text.find(',', b + 1) != std::string::npos)
-        return false;
-    return ParseNumber(text.substr(0, a), &out[0]) &&
-           ParseNumber(text.substr(a + 1, b - a - 1), &out[1]) &&
-           ParseNumber(text.substr(b + 1), &out[2]);
+    return ParseNumbers(text, 3, out);
 }
 
 namespace {

@@ -84,7 +84,7 @@ std::vector<short> RenderSection(Volume& vol, Section const& s, double* ms) {
     mpr.slabMIP = s.mode == SlabMode::Maximum;
     mpr.slabMin = s.mode == SlabMode::Minimum;
     mpr.noInterrupt = true;
-    mpr.rotate = false;
+    mpr.rotate = s.rotate;
 
     auto t0 = std::chrono::steady_clock::now();
     mpr.CalcRaster();

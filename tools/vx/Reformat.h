@@ -22,6 +22,7 @@ struct Section {
     float thickness = 0.0f;       // mm; 0 for a single section
     SlabMode mode = SlabMode::Average;
     bool linear = true;           // single sections only; slabs always interpolate
+    bool rotate = false;          // sample through the aligned intermediate picture
 };
 
 // Grey window on rescaled values (HU for CT).

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "Json.h"
+#include "Quiet.h"
 
 namespace vxtool {
 
@@ -245,34 +246,6 @@ std::string floatText(float v) {
 
 std::string tripleText(float const v[3]) {
     return "[" + floatText(v[0]) + ", " + floatText(v[1]) + ", " + floatText(v[2]) + "]";
-}
-
-// Runs fn with stdout sent to a temporary file, and returns what it printed.
-template <class Fn>
-std::string quietly(Fn fn) {
-    std::fflush(stdout);
-    std::FILE* tmp = std::tmpfile();
-    int saved = tmp ? dup(1) : -1;
-    if (saved < 0 || dup2(fileno(tmp), 1) < 0) {
-        if (saved >= 0)
-            close(saved);
-        if (tmp)
-            std::fclose(tmp);
-        fn();
-        return std::string();
-    }
-    fn();
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    std::string text;
-    std::rewind(tmp);
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, tmp)) > 0)
-        text.append(buf, n);
-    std::fclose(tmp);
-    return text;
 }
 
 // The last line of the library's output that is not a progress line "i / n ".
