@@ -2,6 +2,10 @@
 #define VX_BENCHDATA_H
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <vector>
 
@@ -54,6 +58,29 @@ int VX_SlabSamples(VX_BenchPlane const& p, double thicknessMM);
 // Mean of a picture, reported as a counter so that the VX and VTK rows of a
 // case can be seen to sample the same thing.
 double VX_BenchMean(short const* p, int n);
+
+// Sends standard output to /dev/null while alive: the library prints messages
+// and progress (Thresh, Save, Load, the clipping bounds manager) that would
+// flood the benchmark table.
+struct VX_QuietStdout {
+    int fd;
+    VX_QuietStdout()
+    {
+        std::fflush(stdout);
+        fd = dup(1);
+        int nul = open("/dev/null", O_WRONLY);
+        dup2(nul, 1);
+        close(nul);
+    }
+    ~VX_QuietStdout()
+    {
+        std::fflush(stdout);
+        dup2(fd, 1);
+        close(fd);
+    }
+    VX_QuietStdout(VX_QuietStdout const&) = delete;
+    VX_QuietStdout& operator=(VX_QuietStdout const&) = delete;
+};
 
 // Thread count from the argument, wall time, 5 repetitions reported as aggregates.
 inline void VX_BenchConfigure(benchmark::internal::Benchmark* b)

@@ -4,10 +4,7 @@
 // arrangement after a change of arrangement (saveMemory set, so that each
 // change drops the array and GetCBounds transposes). Items are scanlines.
 
-#include <fcntl.h>
 #include <omp.h>
-#include <stdio.h>
-#include <unistd.h>
 
 #include <boost/make_shared.hpp>
 
@@ -16,25 +13,6 @@
 #include "VX_Apps/VX_ClippingObjectManager.h"
 
 namespace {
-
-// The manager prints a line or two for every array it makes.
-struct QuietStdout {
-    int fd;
-    QuietStdout()
-    {
-        fflush(stdout);
-        fd = dup(1);
-        int nul = open("/dev/null", O_WRONLY);
-        dup2(nul, 1);
-        close(nul);
-    }
-    ~QuietStdout()
-    {
-        fflush(stdout);
-        dup2(fd, 1);
-        close(fd);
-    }
-};
 
 struct SphereScene {
     VX_Box box;
@@ -73,7 +51,7 @@ void VX_ClippingSphere_Fresh(benchmark::State& state)
     short* a = nullptr;
     omp_set_num_threads((int)state.range(0));
     {
-        QuietStdout q;
+        VX_QuietStdout q;
         bm = new VX_ClippingBoundsManager;
         bm->SetBox(s.box);
         bm->SetClippingObjectManager(&s.com);
@@ -97,7 +75,7 @@ void VX_ClippingSphere_Transposed(benchmark::State& state)
     long long transposed = 0;
     omp_set_num_threads((int)state.range(0));
     {
-        QuietStdout q;
+        VX_QuietStdout q;
         bm = new VX_ClippingBoundsManager;
         bm->SetBox(s.box);
         bm->SetClippingObjectManager(&s.com);

@@ -5,7 +5,6 @@
 // resolution copy, and the volume file beside fread of the same bytes.
 // Items are voxels.
 
-#include <fcntl.h>
 #include <omp.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -25,26 +24,6 @@ constexpr long long kVoxels = (long long)kBenchX * kBenchY * kBenchZ;
 constexpr size_t kMaskBytes = (size_t)(kVoxels / 8);
 constexpr size_t kVolumeBytes = (size_t)kVoxels * 2;
 
-// Thresh, Save and Load print messages and progress; the benchmark sends
-// them away while it runs.
-struct QuietStdout {
-    int fd;
-    QuietStdout()
-    {
-        fflush(stdout);
-        fd = dup(1);
-        int nul = open("/dev/null", O_WRONLY);
-        dup2(nul, 1);
-        close(nul);
-    }
-    ~QuietStdout()
-    {
-        fflush(stdout);
-        dup2(fd, 1);
-        close(fd);
-    }
-};
-
 // Masks of the bench volume: bone and contrast (above 200), and the body
 // (above -500). Built once.
 struct Masks {
@@ -60,7 +39,7 @@ Masks& GetMasks()
         VX_BenchVolume& bv = VX_GetBenchVolume();
         auto* m = new Masks;
         {
-            QuietStdout q;
+            VX_QuietStdout q;
             m->dense.Thresh(bv.vol, 200);
             m->body.Thresh(bv.vol, -500);
         }
@@ -125,7 +104,7 @@ void VX_BitVol_Thresh(benchmark::State& state)
     VX_BitVol mask(kBenchX, kBenchY, kBenchZ);
     Threads(state);
     {
-        QuietStdout q;
+        VX_QuietStdout q;
         for (auto _ : state) mask.Thresh(bv.vol, 200);
     }
     Voxels(state, kVoxels);
@@ -195,7 +174,7 @@ void VX_VolData_Save(benchmark::State& state)
     VX_BenchVolume& bv = VX_GetBenchVolume();
     std::string path = BenchFile();
     {
-        QuietStdout q;
+        VX_QuietStdout q;
         for (auto _ : state)
             if (!bv.vol->Save(path.c_str())) state.SkipWithError("Save failed");
     }
@@ -208,7 +187,7 @@ void VX_VolData_Load(benchmark::State& state)
 {
     VX_BenchVolume& bv = VX_GetBenchVolume();
     std::string path = BenchFile();
-    QuietStdout q;
+    VX_QuietStdout q;
     if (!bv.vol->Save(path.c_str())) {
         state.SkipWithError("Save failed");
         return;
@@ -230,7 +209,7 @@ void VX_Fread_VolumeFile(benchmark::State& state)
     VX_BenchVolume& bv = VX_GetBenchVolume();
     std::string path = BenchFile();
     {
-        QuietStdout q;
+        VX_QuietStdout q;
         if (!bv.vol->Save(path.c_str())) {
             state.SkipWithError("Save failed");
             return;

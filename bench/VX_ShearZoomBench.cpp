@@ -1,8 +1,9 @@
 // The shear zoom family: the signed 16-bit warp 512^2 -> 1024^2 (zoom 2) and
 // 512^2 -> 700^2 turned 30 degrees; the RGBA warps of a 1024^2 intermediate
 // image to a 1024^2 screen turned 30 degrees; the 2x2 mean of 2048^2 to
-// 1024^2. Each in its vector form and its scalar twin (VX_SetCPUIDMask(0)),
-// at 1 and 2 OpenMP threads. Items are destination pixels.
+// 1024^2 (20 MB streamed: bound by memory bandwidth) and of 1024^2 to 512^2
+// (held in cache). Each in its vector form and its scalar twin
+// (VX_SetCPUIDMask(0)), at 1 and 2 OpenMP threads. Items are destination pixels.
 
 #include <omp.h>
 
@@ -67,9 +68,8 @@ void RunLin(benchmark::State& state, int side, int dst, float deg, bool scalar)
 }
 
 // kind 4: VX_LinRGBAShearZoom, 3: VX_LinRGBA2RGBShearZoom, 0: VX_HalfRGBARaster.
-void RunRGBA(benchmark::State& state, int kind, bool scalar)
+void RunRGBA(benchmark::State& state, int kind, bool scalar, int side = 1024)
 {
-    const int side = 1024;
     std::mt19937 rng(2);
     int srcSide = kind == 0 ? 2 * side : side;
     BenchRaster src(kind == 0 ? srcSide : 4 * srcSide, srcSide, kind == 0 ? 32 : 16);
@@ -106,6 +106,8 @@ void VX_LinRGBA2RGBShearZoom_1024_Rot30(benchmark::State& s) { RunRGBA(s, 3, fal
 void VX_LinRGBA2RGBShearZoom_1024_Rot30_Scalar(benchmark::State& s) { RunRGBA(s, 3, true); }
 void VX_HalfRGBARaster_2048to1024(benchmark::State& s) { RunRGBA(s, 0, false); }
 void VX_HalfRGBARaster_2048to1024_Scalar(benchmark::State& s) { RunRGBA(s, 0, true); }
+void VX_HalfRGBARaster_1024to512(benchmark::State& s) { RunRGBA(s, 0, false, 512); }
+void VX_HalfRGBARaster_1024to512_Scalar(benchmark::State& s) { RunRGBA(s, 0, true, 512); }
 
 }  // namespace
 
@@ -119,3 +121,5 @@ BENCHMARK(VX_LinRGBA2RGBShearZoom_1024_Rot30)->Apply(VX_BenchConfigure);
 BENCHMARK(VX_LinRGBA2RGBShearZoom_1024_Rot30_Scalar)->Apply(VX_BenchConfigure);
 BENCHMARK(VX_HalfRGBARaster_2048to1024)->Apply(VX_BenchConfigure);
 BENCHMARK(VX_HalfRGBARaster_2048to1024_Scalar)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_HalfRGBARaster_1024to512)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_HalfRGBARaster_1024to512_Scalar)->Apply(VX_BenchConfigure);

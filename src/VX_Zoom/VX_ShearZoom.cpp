@@ -11,6 +11,23 @@
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+#include <tmmintrin.h>
+#define VX_FORCE_INLINE inline __attribute__((always_inline))
+#define VX_SSSE3 __attribute__((target("ssse3")))
+#endif
+
+// A scalar twin states its rule one pixel at a time: the compiler is kept from
+// vectorising it, so that it stays the plain rule the vector forms are
+// measured against.
+#if defined(__clang__)
+#define VX_SCALAR_TWIN
+#define VX_NO_VECTORIZE_LOOP _Pragma("clang loop vectorize(disable) interleave(disable)")
+#elif defined(__GNUC__)
+#define VX_SCALAR_TWIN __attribute__((optimize("no-tree-vectorize")))
+#define VX_NO_VECTORIZE_LOOP
+#else
+#define VX_SCALAR_TWIN
+#define VX_NO_VECTORIZE_LOOP
 #endif
 
 namespace {
@@ -165,21 +182,53 @@ inline void linRGBAPixel(byte const* src, int srcLine, int u, int v, byte* out)
     }
 }
 
+// The scalar twin: n pixels of the rule from (u, v), one at a time.
+template <int kOut>
+VX_SCALAR_TWIN void linRGBARunScalar(byte const* src, int srcLine, byte* out, int n, int u, int v,
+                                     Walk const& wk)
+{
+    VX_NO_VECTORIZE_LOOP
+    for (int i = 0; i < n; ++i) {
+        linRGBAPixel<kOut>(src, srcLine, u, v, out + (size_t)i * kOut);
+        u = stepAt(u, 1, wk.dxu);
+        v = stepAt(v, 1, wk.dxv);
+    }
+}
+
 #if defined(__SSE2__)
-// Vector form of linRGBAPixel, within rounding of it: 16-bit weights
+// The vector form, within rounding of the rule: 16-bit weights
 // w00 = hi16(gx gy), w10 = hi16(fx gy), w01 = hi16(gx fy), w11 = hi16(fx fy)
 // (unsigned) from fx = (u >> 2) & 0xFFFF, gx = 0xFFFF - fx and likewise for v;
 // each element the sum of the high halves of neighbour times weight, >> 8,
 // packed to bytes. A 16-byte load holds a pixel and its right neighbour, so
 // the weights come as (w00 x4, w10 x4) for the top row, (w01 x4, w11 x4) below.
-template <int kOut>
-inline void blendRGBASSE2(byte const* r0, int srcLine, __m128i wTop, __m128i wBottom, byte* out)
+// The weights sum to below 65536, so the 16-bit sums cannot wrap.
+
+// Neighbour times weight, top and bottom rows summed: lanes 0-3 the left
+// neighbours' share of elements 0-3, lanes 4-7 the right neighbours'.
+VX_FORCE_INLINE __m128i blendHalves(byte const* r0, int srcLine, __m128i wTop, __m128i wBottom)
 {
     __m128i top = _mm_loadu_si128((__m128i const*)r0);
     __m128i bottom = _mm_loadu_si128((__m128i const*)(r0 + srcLine));
-    __m128i s = _mm_add_epi16(_mm_mulhi_epu16(top, wTop), _mm_mulhi_epu16(bottom, wBottom));
-    s = _mm_srli_epi16(_mm_add_epi16(s, _mm_srli_si128(s, 8)), 8);
-    uint32_t px = (uint32_t)_mm_cvtsi128_si32(_mm_packus_epi16(s, s));
+    return _mm_add_epi16(_mm_mulhi_epu16(top, wTop), _mm_mulhi_epu16(bottom, wBottom));
+}
+
+// Two pixels' shares summed and >> 8: lanes 0-3 pixel a, lanes 4-7 pixel b.
+VX_FORCE_INLINE __m128i pairLevels(__m128i a, __m128i b)
+{
+    return _mm_srli_epi16(_mm_add_epi16(_mm_unpacklo_epi64(a, b), _mm_unpackhi_epi64(a, b)), 8);
+}
+
+template <int kOut>
+inline void linRGBAPixelSSE2(byte const* src, int srcLine, int u, int v, byte* out)
+{
+    __m128i wx = _mm_xor_si128(_mm_set1_epi16((short)((u >> 2) & 0xFFFF)), _mm_set_epi32(0, 0, -1, -1));
+    __m128i fy = _mm_set1_epi16((short)((v >> 2) & 0xFFFF));
+    __m128i gy = _mm_xor_si128(fy, _mm_set1_epi32(-1));
+    __m128i s = blendHalves(rgbaCell(src, srcLine, u, v), srcLine, _mm_mulhi_epu16(wx, gy),
+                            _mm_mulhi_epu16(wx, fy));
+    __m128i levels = pairLevels(s, s);
+    uint32_t px = (uint32_t)_mm_cvtsi128_si32(_mm_packus_epi16(levels, levels));
     if (kOut == 4) {
         memcpy(out, &px, 4);
     } else {
@@ -189,54 +238,129 @@ inline void blendRGBASSE2(byte const* r0, int srcLine, __m128i wTop, __m128i wBo
     }
 }
 
-template <int kOut>
-inline void linRGBAPixelSSE2(byte const* src, int srcLine, int u, int v, byte* out)
+// Four successive pixels in lanes: their positions step by four pixels at a
+// time, their source cells come from a scalar walk alongside. Inside the clip
+// u and v are not negative, so the cell offsets are unsigned.
+struct RGBAQuadWalk {
+    __m128i uq, vq, du4, dv4;
+    int u, v;
+
+    RGBAQuadWalk(int u0, int v0, Walk const& wk) : u(u0), v(v0)
+    {
+        uq = _mm_setr_epi32(u0, stepAt(u0, 1, wk.dxu), stepAt(u0, 2, wk.dxu), stepAt(u0, 3, wk.dxu));
+        vq = _mm_setr_epi32(v0, stepAt(v0, 1, wk.dxv), stepAt(v0, 2, wk.dxv), stepAt(v0, 3, wk.dxv));
+        du4 = _mm_set1_epi32(stepAt(0, 4, wk.dxu));
+        dv4 = _mm_set1_epi32(stepAt(0, 4, wk.dxv));
+    }
+
+    // The weights of the four pixels, lane pair k (w00, w10) of pixel k in
+    // top and (w01, w11) in bottom, and their four source cells; then steps on.
+    VX_FORCE_INLINE void Next(byte const* src, int srcLine, int dxu, int dxv, __m128i& top, __m128i& bottom,
+                              byte const** cells)
+    {
+        __m128i low16 = _mm_set1_epi32(0xFFFF);
+        __m128i fx = _mm_and_si128(_mm_srli_epi32(uq, 2), low16);
+        __m128i fy = _mm_and_si128(_mm_srli_epi32(vq, 2), low16);
+        __m128i wx = _mm_xor_si128(_mm_or_si128(fx, _mm_slli_epi32(fx, 16)), low16);  // (gx, fx)
+        __m128i fyy = _mm_or_si128(fy, _mm_slli_epi32(fy, 16));                        // (fy, fy)
+        top = _mm_mulhi_epu16(wx, _mm_xor_si128(fyy, _mm_set1_epi32(-1)));
+        bottom = _mm_mulhi_epu16(wx, fyy);
+        uq = _mm_add_epi32(uq, du4);
+        vq = _mm_add_epi32(vq, dv4);
+        for (int k = 0; k < 4; ++k) {
+            cells[k] = src + (size_t)((uint32_t)v >> kFixBits) * (size_t)srcLine + (((uint32_t)u >> kFixBits) << 3);
+            u = stepAt(u, 1, dxu);
+            v = stepAt(v, 1, dxv);
+        }
+    }
+};
+
+// Four pixels of the vector form, elements 0-3 each, as sixteen bytes.
+VX_FORCE_INLINE __m128i rgbaQuad(RGBAQuadWalk& q, byte const* src, int srcLine, int dxu, int dxv)
 {
-    __m128i wx = _mm_xor_si128(_mm_set1_epi16((short)((u >> 2) & 0xFFFF)), _mm_set_epi32(0, 0, -1, -1));
-    __m128i fy = _mm_set1_epi16((short)((v >> 2) & 0xFFFF));
-    __m128i gy = _mm_xor_si128(fy, _mm_set1_epi32(-1));
-    blendRGBASSE2<kOut>(rgbaCell(src, srcLine, u, v), srcLine, _mm_mulhi_epu16(wx, gy),
-                        _mm_mulhi_epu16(wx, fy), out);
+    __m128i top, bottom;
+    byte const* c[4];
+    q.Next(src, srcLine, dxu, dxv, top, bottom, c);
+    __m128i t01 = _mm_unpacklo_epi16(top, top), t23 = _mm_unpackhi_epi16(top, top);
+    __m128i b01 = _mm_unpacklo_epi16(bottom, bottom), b23 = _mm_unpackhi_epi16(bottom, bottom);
+    __m128i s0 = blendHalves(c[0], srcLine, _mm_shuffle_epi32(t01, 0x50), _mm_shuffle_epi32(b01, 0x50));
+    __m128i s1 = blendHalves(c[1], srcLine, _mm_shuffle_epi32(t01, 0xFA), _mm_shuffle_epi32(b01, 0xFA));
+    __m128i s2 = blendHalves(c[2], srcLine, _mm_shuffle_epi32(t23, 0x50), _mm_shuffle_epi32(b23, 0x50));
+    __m128i s3 = blendHalves(c[3], srcLine, _mm_shuffle_epi32(t23, 0xFA), _mm_shuffle_epi32(b23, 0xFA));
+    return _mm_packus_epi16(pairLevels(s0, s1), pairLevels(s2, s3));
 }
 
-// Four pixels of linRGBAPixelSSE2, the weights of all four from one pair of
-// multiplications: lane k holds (w00, w10) or (w01, w11) of pixel k. Keep equal
-// to linRGBAPixelSSE2 bit for bit.
+// Vector pixels from x to end inclusive, four at a time; returns the first
+// pixel left over, with u and v moved to it.
 template <int kOut>
-inline void linRGBAQuadSSE2(byte const* src, int srcLine, int* u, int* v, Walk const& wk, byte* out)
+int linRGBAQuadsSSE2(byte const* src, int srcLine, byte* line, int x, int end, int& u, int& v,
+                     Walk const& wk)
 {
-    int uk[4], vk[4];
-    for (int k = 0; k < 4; ++k) {
-        uk[k] = *u, vk[k] = *v;
-        *u = stepAt(*u, 1, wk.dxu);
-        *v = stepAt(*v, 1, wk.dxv);
+    RGBAQuadWalk q(u, v, wk);
+    int dxu = wk.dxu, dxv = wk.dxv;
+    for (; x + 3 <= end; x += 4) {
+        __m128i px = rgbaQuad(q, src, srcLine, dxu, dxv);
+        byte* out = line + (size_t)x * kOut;
+        if (kOut == 4) {
+            _mm_storeu_si128((__m128i*)out, px);
+            continue;
+        }
+        // Per 8 bytes (a0 a1 a2 a3 b0 b1 b2 b3) -> (a1 a2 a3 b1 b2 b3 0 0),
+        // then the upper six bytes moved down next to the lower six.
+        __m128i lo = _mm_and_si128(_mm_srli_epi64(px, 8), _mm_set1_epi64x(0xFFFFFF));
+        __m128i hi = _mm_and_si128(_mm_srli_epi64(px, 16), _mm_set1_epi64x(0xFFFFFF000000LL));
+        __m128i six = _mm_or_si128(lo, hi);
+        __m128i upper = _mm_srli_si128(_mm_unpackhi_epi64(_mm_setzero_si128(), six), 2);
+        __m128i rgb = _mm_or_si128(_mm_move_epi64(six), upper);
+        _mm_storel_epi64((__m128i*)out, rgb);
+        uint32_t tail = (uint32_t)_mm_cvtsi128_si32(_mm_srli_si128(rgb, 8));
+        memcpy(out + 8, &tail, 4);
     }
-    __m128i low16 = _mm_set1_epi32(0xFFFF);
-    __m128i fx = _mm_and_si128(_mm_srli_epi32(_mm_loadu_si128((__m128i const*)uk), 2), low16);
-    __m128i fy = _mm_and_si128(_mm_srli_epi32(_mm_loadu_si128((__m128i const*)vk), 2), low16);
-    __m128i wx = _mm_xor_si128(_mm_or_si128(fx, _mm_slli_epi32(fx, 16)), low16);  // (gx, fx)
-    __m128i fyy = _mm_or_si128(fy, _mm_slli_epi32(fy, 16));                        // (fy, fy)
-    __m128i wTop = _mm_mulhi_epu16(wx, _mm_xor_si128(fyy, _mm_set1_epi32(-1)));
-    __m128i wBottom = _mm_mulhi_epu16(wx, fyy);
-    __m128i t01 = _mm_unpacklo_epi16(wTop, wTop), t23 = _mm_unpackhi_epi16(wTop, wTop);
-    __m128i b01 = _mm_unpacklo_epi16(wBottom, wBottom), b23 = _mm_unpackhi_epi16(wBottom, wBottom);
-    blendRGBASSE2<kOut>(rgbaCell(src, srcLine, uk[0], vk[0]), srcLine, _mm_shuffle_epi32(t01, 0x50),
-                        _mm_shuffle_epi32(b01, 0x50), out);
-    blendRGBASSE2<kOut>(rgbaCell(src, srcLine, uk[1], vk[1]), srcLine, _mm_shuffle_epi32(t01, 0xFA),
-                        _mm_shuffle_epi32(b01, 0xFA), out + kOut);
-    blendRGBASSE2<kOut>(rgbaCell(src, srcLine, uk[2], vk[2]), srcLine, _mm_shuffle_epi32(t23, 0x50),
-                        _mm_shuffle_epi32(b23, 0x50), out + 2 * kOut);
-    blendRGBASSE2<kOut>(rgbaCell(src, srcLine, uk[3], vk[3]), srcLine, _mm_shuffle_epi32(t23, 0xFA),
-                        _mm_shuffle_epi32(b23, 0xFA), out + 3 * kOut);
+    u = q.u;
+    v = q.v;
+    return x;
+}
+
+// Three-byte pixels with one SSSE3 byte shuffle dropping element 0.
+VX_SSSE3 int linRGBQuadsSSSE3(byte const* src, int srcLine, byte* line, int x, int end, int& u, int& v,
+                              Walk const& wk)
+{
+    __m128i dropFirst = _mm_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -1, -1, -1, -1);
+    RGBAQuadWalk q(u, v, wk);
+    int dxu = wk.dxu, dxv = wk.dxv;
+    for (; x + 3 <= end; x += 4) {
+        __m128i rgb = _mm_shuffle_epi8(rgbaQuad(q, src, srcLine, dxu, dxv), dropFirst);
+        byte* out = line + (size_t)x * 3;
+        _mm_storel_epi64((__m128i*)out, rgb);
+        uint32_t tail = (uint32_t)_mm_cvtsi128_si32(_mm_srli_si128(rgb, 8));
+        memcpy(out + 8, &tail, 4);
+    }
+    u = q.u;
+    v = q.v;
+    return x;
 }
 #endif
+
+// Which vector form the RGBA warps take.
+enum RGBAPath { kPathScalar, kPathSSE2, kPathSSSE3 };
+
+RGBAPath rgbaPath()
+{
+#if defined(__SSE2__)
+    int cpu = VX_CPU_ID();
+    if (!(cpu & VX_CPU_SSE2)) return kPathScalar;
+    return (cpu & VX_CPU_SSSE3) ? kPathSSSE3 : kPathSSE2;
+#else
+    return kPathScalar;
+#endif
+}
 
 // One destination line: cleared outside [first, last], bilinear inside; runs
 // of kMinVectorRun or more pixels use the vector form but for the last
 // kScalarTail pixels.
 template <int kOut>
 void linRGBALine(byte const* src, int srcLine, byte* line, int W, short const* fl, Walk const& wk,
-                 int y, bool vector)
+                 int y, RGBAPath path)
 {
     int first = fl[0], last = fl[1];
     if (last < first) {
@@ -248,23 +372,22 @@ void linRGBALine(byte const* src, int srcLine, byte* line, int W, short const* f
     int u = wk.U(first, y), v = wk.V(first, y);
     int x = first;
 #if defined(__SSE2__)
-    if (vector && last - first + 1 >= kMinVectorRun) {
-        for (; x + 3 <= last - kScalarTail; x += 4)
-            linRGBAQuadSSE2<kOut>(src, srcLine, &u, &v, wk, line + (size_t)x * kOut);
-        for (; x <= last - kScalarTail; ++x) {
+    if (path != kPathScalar && last - first + 1 >= kMinVectorRun) {
+        int end = last - kScalarTail;
+        if (kOut == 3 && path == kPathSSSE3)
+            x = linRGBQuadsSSSE3(src, srcLine, line, x, end, u, v, wk);
+        else
+            x = linRGBAQuadsSSE2<kOut>(src, srcLine, line, x, end, u, v, wk);
+        for (; x <= end; ++x) {
             linRGBAPixelSSE2<kOut>(src, srcLine, u, v, line + (size_t)x * kOut);
             u = stepAt(u, 1, wk.dxu);
             v = stepAt(v, 1, wk.dxv);
         }
     }
 #else
-    (void)vector;
+    (void)path;
 #endif
-    for (; x <= last; ++x) {
-        linRGBAPixel<kOut>(src, srcLine, u, v, line + (size_t)x * kOut);
-        u = stepAt(u, 1, wk.dxu);
-        v = stepAt(v, 1, wk.dxv);
-    }
+    linRGBARunScalar<kOut>(src, srcLine, line + (size_t)x * kOut, last - x + 1, u, v, wk);
 }
 
 // The two parallel RGBA warps: n = (H + 31) / 32 bands, band (9973 i) mod n
@@ -282,7 +405,7 @@ void linRGBAWarp(VX_Raster* src, VX_Raster* dst, VX_Mat const& m, double margin,
     int srcLine = strideOf(src, 2);
     byte* d = static_cast<byte*>(dst->data);
     int dstLine = strideOf(dst, kOut);
-    bool vector = (VX_CPU_ID() & VX_CPU_SSE2) != 0;
+    RGBAPath path = rgbaPath();
     int n = (H + kBandRows - 1) / kBandRows;
 #pragma omp parallel for schedule(static)
     for (int i = 0; i < n; ++i) {
@@ -290,7 +413,7 @@ void linRGBAWarp(VX_Raster* src, VX_Raster* dst, VX_Mat const& m, double margin,
         int y0 = (int)((long long)b * H / n), y1 = (int)((long long)(b + 1) * H / n);
         for (int y = y0; y < y1; ++y)
             linRGBALine<kOut>(s, srcLine, d + (ptrdiff_t)(H - 1 - y) * dstLine, W, bounds + 2 * y, wk, y,
-                              vector);
+                              path);
     }
 }
 
@@ -311,8 +434,9 @@ inline short linPixel(short const* src, int sw, int u, int v)
     return (short)(sum >> 15);
 }
 
-void linRunScalar(short const* src, int sw, short* out, int n, int u, int v, Walk const& wk)
+VX_SCALAR_TWIN void linRunScalar(short const* src, int sw, short* out, int n, int u, int v, Walk const& wk)
 {
+    VX_NO_VECTORIZE_LOOP
     for (int i = 0; i < n; ++i) {
         out[i] = linPixel(src, sw, u, v);
         u = stepAt(u, 1, wk.dxu);
@@ -470,6 +594,13 @@ inline void halfPixel(byte const* r0, byte const* r1, byte* out)
     for (int c = 0; c < 4; ++c) out[c] = (byte)((r0[c] + r0[c + 4] + r1[c] + r1[c + 4]) >> 2);
 }
 
+// The scalar twin: n destination pixels of the rule, one at a time.
+VX_SCALAR_TWIN void halfRunScalar(byte const* r0, byte const* r1, byte* out, int n)
+{
+    VX_NO_VECTORIZE_LOOP
+    for (int x = 0; x < n; ++x) halfPixel(r0 + 8 * x, r1 + 8 * x, out + 4 * x);
+}
+
 #if defined(__SSE2__)
 // Four destination pixels from 8 x 2 source pixels, the sums on 16 bits, so
 // equal to halfPixel bit for bit.
@@ -504,7 +635,7 @@ void halfRow(byte const* r0, byte const* r1, byte* out, int W, bool vector)
 #else
     (void)vector;
 #endif
-    for (; x < W; ++x) halfPixel(r0 + 8 * x, r1 + 8 * x, out + 4 * x);
+    halfRunScalar(r0 + 8 * x, r1 + 8 * x, out + 4 * x, W - x);
 }
 
 }  // namespace

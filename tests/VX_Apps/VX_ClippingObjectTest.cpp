@@ -280,6 +280,33 @@ TEST(VX_ClippingObject, PlaneAndSlabCutsFollowTheRowRule)
     EXPECT_EQ(Cut(*com.GetClippingPlane(), &com, box), Cut(same, nullptr, box));
 }
 
+// Boundary rows on a grid of 1 mm voxels at the origin (power-of-two sides, so
+// that its matrices are exact): |a| of exactly 0.0001 still steps t along the
+// rows (limits far outside, held at -22222) rather than deciding rows whole; a
+// sphere touching a row keeps one voxel, and a missed row is emptied with its
+// first left alone.
+TEST(VX_ClippingObject, BoundaryRows)
+{
+    VX_Box grid(16, 8, 8);
+    VX_ClippingPlane steep;
+    steep.SetPlane(VX_3Vec(0.0001f, 1, 0, -5.5f));
+    std::vector<short> got = Cut(steep, nullptr, grid);
+    for (int z = 0; z < 8; ++z) {
+        short const* r = &got[2 * 8 * z];
+        EXPECT_TRUE(r[9] == 15 && r[11] < -4000 && r[11] > -6000 && r[15] == -22222) << z;
+    }
+
+    VX_ClippingSphere s;
+    s.SetCenter(VX_3Vec(6.5f, 5.5f, 3.5f));   // voxel (6, 5, 3)
+    s.SetRadius(2);
+    got = Cut(s, nullptr, grid);
+    short const* z3 = &got[2 * 8 * 3];
+    EXPECT_TRUE(z3[6] == 6 && z3[7] == 6);     // row 3 touches
+    EXPECT_TRUE(z3[4] == 0 && z3[5] == -1);    // row 2 misses
+    EXPECT_TRUE(z3[10] == 4 && z3[11] == 8);   // row 5 through the centre
+    EXPECT_TRUE(got[2 * 8 * 5 + 10] == 6 && got[2 * 8 * 5 + 11] == 6);   // slice 5 touches
+}
+
 // Each row against the chord of its line through the voxel centres: voxel i
 // sits at t = i, and the row keeps trunc(t0) .. trunc(t1).
 TEST(VX_ClippingObject, SphereCutFollowsTheEllipsoid)

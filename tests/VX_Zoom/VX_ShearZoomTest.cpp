@@ -170,15 +170,20 @@ TEST(VX_ShearZoom, RGBAWarpsFollowTheRules)
                 RunRGBA(*src, dst, m, kind);
                 EXPECT_EQ(dst.Bytes(), want) << "kind " << kind << " threads " << threads;
             }
-            memset(dst.r.data, 0xCD, dst.r.GetSize());
-            RunRGBA(*src, dst, m, kind);
-            EXPECT_LE(MaxDiff(dst.Bytes(), want), kind ? 1 : 0) << "kind " << kind;
+            for (int mask : {-1, ~VX_CPU_SSSE3}) {  // with and without the SSSE3 form
+                memset(dst.r.data, 0xCD, dst.r.GetSize());
+                VX_SetCPUIDMask(mask);
+                RunRGBA(*src, dst, m, kind);
+                VX_SetCPUIDMask(-1);
+                EXPECT_LE(MaxDiff(dst.Bytes(), want), kind ? 1 : 0) << "kind " << kind << " mask " << mask;
+            }
         }
     omp_set_num_threads(threadsBefore);
 }
 
 // Widths 1..40 at varied offsets: runs of 8 pixels or fewer are all scalar,
-// and the last five pixels of a longer run are the scalar rule's.
+// and the last five pixels of a longer run are the scalar rule's. The SSE2
+// and SSSE3 vector forms give the same bytes, a tilted walk included.
 TEST(VX_ShearZoom, RGBAVectorRuns)
 {
     std::mt19937 rng(3);
@@ -197,6 +202,15 @@ TEST(VX_ShearZoom, RGBAVectorRuns)
             for (int y = 0; y < 4; ++y)
                 for (int i = exactFrom * kind; i < W * kind; ++i)
                     ASSERT_EQ(got[y * W * kind + i], want[y * W * kind + i]) << "W " << W << " i " << i;
+            VX_Mat tilt = Warp(W, 4, 50, 6, 3, 0.9f);
+            std::vector<byte> forms[2];
+            for (int k = 0; k < 2; ++k) {
+                VX_SetCPUIDMask(k ? ~VX_CPU_SSSE3 : -1);
+                RunRGBA(*src, dst, tilt, kind);
+                forms[k] = dst.Bytes();
+            }
+            VX_SetCPUIDMask(-1);
+            ASSERT_EQ(forms[0], forms[1]) << "W " << W << " kind " << kind;
         }
     EXPECT_EQ(worst, 1);  // the vector form did run
 }
