@@ -183,15 +183,24 @@ void VX_VolData_Save(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * (long long)kVolumeBytes);
 }
 
-void VX_VolData_Load(benchmark::State& state)
+// Saves the bench volume to a fresh file for reading; empty, with the case
+// skipped, when that fails.
+std::string SavedBenchFile(benchmark::State& state)
 {
-    VX_BenchVolume& bv = VX_GetBenchVolume();
     std::string path = BenchFile();
     VX_QuietStdout q;
-    if (!bv.vol->Save(path.c_str())) {
+    if (!VX_GetBenchVolume().vol->Save(path.c_str())) {
         state.SkipWithError("Save failed");
-        return;
+        return std::string();
     }
+    return path;
+}
+
+void VX_VolData_Load(benchmark::State& state)
+{
+    std::string path = SavedBenchFile(state);
+    if (path.empty()) return;
+    VX_QuietStdout q;
     VX_Box empty;
     for (auto _ : state) {
         VX_VolData v(&empty);
@@ -206,15 +215,8 @@ void VX_VolData_Load(benchmark::State& state)
 // that is already mapped, so that only the reading is timed.
 void VX_Fread_VolumeFile(benchmark::State& state)
 {
-    VX_BenchVolume& bv = VX_GetBenchVolume();
-    std::string path = BenchFile();
-    {
-        VX_QuietStdout q;
-        if (!bv.vol->Save(path.c_str())) {
-            state.SkipWithError("Save failed");
-            return;
-        }
-    }
+    std::string path = SavedBenchFile(state);
+    if (path.empty()) return;
     size_t slice = (size_t)kBenchX * kBenchY * 2;
     std::vector<char> buf(kVolumeBytes + 222, 1);
     for (auto _ : state) {

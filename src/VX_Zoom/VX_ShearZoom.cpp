@@ -290,6 +290,14 @@ VX_FORCE_INLINE __m128i rgbaQuad(RGBAQuadWalk& q, byte const* src, int srcLine, 
     return _mm_packus_epi16(pairLevels(s0, s1), pairLevels(s2, s3));
 }
 
+// Stores the low 12 bytes of rgb: four three-byte pixels.
+inline void storeRGB4(byte* out, __m128i rgb)
+{
+    _mm_storel_epi64((__m128i*)out, rgb);
+    uint32_t tail = (uint32_t)_mm_cvtsi128_si32(_mm_srli_si128(rgb, 8));
+    memcpy(out + 8, &tail, 4);
+}
+
 // Vector pixels from x to end inclusive, four at a time; returns the first
 // pixel left over, with u and v moved to it.
 template <int kOut>
@@ -312,9 +320,7 @@ int linRGBAQuadsSSE2(byte const* src, int srcLine, byte* line, int x, int end, i
         __m128i six = _mm_or_si128(lo, hi);
         __m128i upper = _mm_srli_si128(_mm_unpackhi_epi64(_mm_setzero_si128(), six), 2);
         __m128i rgb = _mm_or_si128(_mm_move_epi64(six), upper);
-        _mm_storel_epi64((__m128i*)out, rgb);
-        uint32_t tail = (uint32_t)_mm_cvtsi128_si32(_mm_srli_si128(rgb, 8));
-        memcpy(out + 8, &tail, 4);
+        storeRGB4(out, rgb);
     }
     u = q.u;
     v = q.v;
@@ -331,9 +337,7 @@ VX_SSSE3 int linRGBQuadsSSSE3(byte const* src, int srcLine, byte* line, int x, i
     for (; x + 3 <= end; x += 4) {
         __m128i rgb = _mm_shuffle_epi8(rgbaQuad(q, src, srcLine, dxu, dxv), dropFirst);
         byte* out = line + (size_t)x * 3;
-        _mm_storel_epi64((__m128i*)out, rgb);
-        uint32_t tail = (uint32_t)_mm_cvtsi128_si32(_mm_srli_si128(rgb, 8));
-        memcpy(out + 8, &tail, 4);
+        storeRGB4(out, rgb);
     }
     u = q.u;
     v = q.v;
