@@ -163,9 +163,7 @@ TEST_F(VX_BitVolPaths, LogicCountAndThreshMatchRules)
     std::string va = vxtest::Captured([&] { a.Thresh(vol.get(), 100); });
     VX_SetCPUIDMask(-1);
     EXPECT_EQ(vxtest::Captured([&] { b.Thresh(vol.get(), 100); }), va);
-    EXPECT_EQ(a.CountBits(), b.CountBits());
-    a -= b;
-    EXPECT_EQ(a.CountBits(), 0);
+    EXPECT_TRUE(Words(a) == Words(b));
 }
 
 TEST(VX_BitVol, CountOverlapBitsMatchesReference)
@@ -328,8 +326,7 @@ TEST(VX_BitVol, TriLinGetBitFollowsFixedPointRule)
         ASSERT_EQ(v.TriLinGetBit(x, y, z, th), ref(x, y, z, th)) << x << " " << y << " " << z << " " << th;
     }
     v.Unclear();
-    EXPECT_EQ(v.TriLinGetBit(131071, 300000, 300000, 0), 0);
-    EXPECT_EQ(v.TriLinGetBit(131072, 300000, 300000, 0), 1);
+    EXPECT_EQ(v.TriLinGetBit(131071, 300000, 300000, 0) * 2 + v.TriLinGetBit(131072, 300000, 300000, 0), 1);
 }
 
 TEST(VX_BitVol, ClearBoundaryShells)
@@ -398,8 +395,7 @@ TEST(VX_BitVol, BoundsCentreAndSplit)
         return std::make_tuple(size[0], size[1], size[2], min[0], min[1], min[2], lim[0], lim[1]);
     };
     EXPECT_EQ(bounds(), std::make_tuple(0, 0, 0, 0, 0, 0, 0, -1));
-    EXPECT_EQ(r, VX_Rect());
-    EXPECT_EQ(v.CenterOfMass().x, -1.0f);
+    EXPECT_TRUE(r == VX_Rect() && v.CenterOfMass().x == -1.0f);
     v.SetBitOn(3, 4, 5);
     VX_3Vec c = v.CenterOfMass();
     EXPECT_EQ(std::make_tuple(c.x, c.y, c.z), std::make_tuple(3.5f, 4.5f, 5.5f));

@@ -63,16 +63,13 @@ TEST(VX_RealBitVol, ConstructorsPlaceTheBox)
     src->SetInfiniteDepth();
 
     VX_RealBitVol copy(*src);
-    EXPECT_TRUE(copy.GetInfiniteDepth());
-    EXPECT_TRUE(copy.box == b);
-    VX_BitVol* clone = src->Clone();
-    EXPECT_EQ(dynamic_cast<VX_RealBitVol*>(clone), nullptr);
-    delete clone;
+    EXPECT_TRUE(copy.GetInfiniteDepth() && copy.box == b);
+    std::unique_ptr<VX_BitVol> clone(src->Clone());
+    EXPECT_EQ(dynamic_cast<VX_RealBitVol*>(clone.get()), nullptr);
 
     // Step 1: the source's placement; step 2: flat in the third direction.
     VX_RealBitVol view1(src.get(), 1), view2(src.get(), 2);
-    EXPECT_FALSE(view1.GetInfiniteDepth());
-    EXPECT_TRUE(view1.box == b);
+    EXPECT_TRUE(!view1.GetInfiniteDepth() && view1.box == b);
     VX_PhysBox flat = b;
     flat.vecs[3] = b.vecs[0];
     EXPECT_TRUE(view2.box == VX_Box(flat, 40, 6, 2));
@@ -92,13 +89,10 @@ TEST(VX_RealBitVol, RealGetBitFacesAndSphere)
     VX_RealBitVol m(&b);
     m.Unclear();
     // Truncation toward zero: up to one voxel below the low face still reads voxel 0.
-    VX_3Vec low(-4, 0, 1), high(12, 2, 1.2f), near(-5.9f, 0, 1), below(-6, 0, 1);
     VX_3Vec inner(11.99f, 3.99f, 2.49f);
-    EXPECT_EQ(m.RealGetBit(&low), 1);
-    EXPECT_EQ(m.RealGetBit(&high), 0);
-    EXPECT_EQ(m.RealGetBit(&near), 1);
-    EXPECT_EQ(m.RealGetBit(&below), 0);
-    EXPECT_EQ(m.RealGetBit(&inner), 1);
+    const std::pair<VX_3Vec, int> probes[] = {{VX_3Vec(-4, 0, 1), 1}, {VX_3Vec(12, 2, 1.2f), 0},
+                                              {VX_3Vec(-5.9f, 0, 1), 1}, {VX_3Vec(-6, 0, 1), 0}, {inner, 1}};
+    for (auto p : probes) EXPECT_EQ(m.RealGetBit(&p.first), p.second) << p.first.x;
     m.SetBitOff(7, 3, 2);
     EXPECT_EQ(m.RealGetBit(&inner), 0);
 
@@ -165,18 +159,16 @@ TEST(VX_RealBitVol, ShiftedSmallerBox)
     auto ab = [&](int x, int y, int z) { return a->GetBit(x, y, z) != 0; };
 
     VX_RealBitVol r(*a);
-    r |= *o;
-    ExpectBits(r, [&](int x, int y, int z) { return ab(x, y, z) || ob(x, y, z); });
-    r = *a;
-    r -= *o;
-    ExpectBits(r, [&](int x, int y, int z) { return ab(x, y, z) && !ob(x, y, z); });
-    // Outside o is cleared, and column 24, the last of every row inside o, too.
-    r = *a;
-    r &= *o;
-    ExpectBits(r, [&](int x, int y, int z) { return x != 24 && ab(x, y, z) && ob(x, y, z); });
-
-    // OrNot with an empty o sets exactly o's box.
-    o->Clear();
+    // &= clears outside o, and column 24, the last of every row inside o, too.
+    for (int op = 0; op < 3; ++op) {
+        r = *a;
+        op == 0 ? r |= *o : op == 1 ? r -= *o : r &= *o;
+        ExpectBits(r, [&](int x, int y, int z) {
+            return op == 0 ? ab(x, y, z) || ob(x, y, z) : op == 1 ? ab(x, y, z) && !ob(x, y, z)
+                                                                : x != 24 && ab(x, y, z) && ob(x, y, z);
+        });
+    }
+    o->Clear();  // OrNot with an empty o sets exactly o's box
     r.Clear();
     r.OrNot(*o);
     ExpectBits(r, in);
@@ -211,10 +203,8 @@ TEST(VX_RealBitVol, ScaledAndRotatedBoxes)
     auto a = RandomMask(sq, 8, 1);
     VX_RealBitVol one(*a), many(*a);
     int saved = omp_get_max_threads();
-    omp_set_num_threads(1);
-    one -= *m;
-    omp_set_num_threads(4);
-    many -= *m;
+    omp_set_num_threads(1), one -= *m;
+    omp_set_num_threads(4), many -= *m;
     omp_set_num_threads(saved);
     ExpectBits(many, [&](int x, int y, int z) { return one.GetBit(x, y, z); });
     ExpectBits(one, [&](int x, int y, int z) { return x == 0 || !m->GetBit(y, N - 1 - x, z); });
@@ -227,14 +217,11 @@ TEST(VX_RealBitVol, InfiniteDepth)
     auto o = RandomMask(one, 9);
     o->SetInfiniteDepth();
     VX_RealBitVol r(&b);
-    r.Unclear();
-    r &= *o;
+    r.Unclear(), r &= *o;
     ExpectBits(r, [&](int x, int y, int) { return x > 0 && o->GetBit(x, y, 0); });
-    r.Unclear();
-    r -= *o;
+    r.Unclear(), r -= *o;
     ExpectBits(r, [&](int x, int y, int) { return x == 0 || !o->GetBit(x, y, 0); });
-    r.Clear();
-    r |= *o;
+    r.Clear(), r |= *o;
     ExpectBits(r, [&](int x, int y, int z) { return z == 0 && x > 0 && o->GetBit(x, y, 0); });
 }
 
@@ -245,14 +232,12 @@ TEST(VX_RealBitVol, TightenAndShrink)
     m.Clear();
     EXPECT_EQ(m.Tighten(2), &m);
     EXPECT_TRUE(m.box == b);
-    EXPECT_EQ(m.GetZ(), 10);
 
     // A corner mask: min -2, the copy's outer cells clear, the place unchanged.
     SetOnly(m, {{0, 0, 0}, {1, 2, 1}});
     m.SetInfiniteDepth();
     EXPECT_EQ(m.Tighten(2), &m);
-    EXPECT_TRUE(m.GetInfiniteDepth());
-    EXPECT_TRUE(m.box == MakeBox(6, 7, 6, 2, 1, 1, VX_3Vec(-3, -1, -1)));
+    EXPECT_TRUE(m.GetInfiniteDepth() && m.box == MakeBox(6, 7, 6, 2, 1, 1, VX_3Vec(-3, -1, -1)));
     ExpectBits(m, [](int x, int y, int z) { return (x == 2 && y == 2 && z == 2) || (x == 3 && y == 4 && z == 3); });
 
     // A one-slice mask keeps one slice.
@@ -265,12 +250,9 @@ TEST(VX_RealBitVol, TightenAndShrink)
     VX_Box wide = MakeBox(64, 5, 3, 1, 2, 3);
     VX_RealBitVol w(&wide);
     SetOnly(w, {{0, 0, 0}, {1, 1, 1}, {10, 2, 0}});
-    VX_RealBitVol* half = nullptr;
-    std::string out = vxtest::Captured([&] { half = w.Shrink(); });
-    EXPECT_EQ(out, "original = 3\nshrunk = 2\nrbv = 2\n");
-    EXPECT_TRUE(half->box == MakeBox(32, 2, 1, 2, 4, 6));
-    EXPECT_EQ(half->GetBit(5, 1, 0), 1);
-    delete half;
+    std::unique_ptr<VX_RealBitVol> half;
+    EXPECT_EQ(vxtest::Captured([&] { half.reset(w.Shrink()); }), "original = 3\nshrunk = 2\nrbv = 2\n");
+    EXPECT_TRUE(half->box == MakeBox(32, 2, 1, 2, 4, 6) && half->GetBit(5, 1, 0) == 1);
 }
 
 TEST(VX_TightBitVol, BlockOffsetsAndIterator)
@@ -291,8 +273,7 @@ TEST(VX_TightBitVol, BlockOffsetsAndIterator)
     // A one-slice source still gets its third axis; z limits are in block terms.
     VX_BitVol flat(50, 50, 1);
     SetOnly(flat, {{20, 30, 0}});
-    VX_TightBitVol tf(&flat, 2);
-    EXPECT_EQ(tf.GetZ(), 1);
+    EXPECT_EQ(VX_TightBitVol(&flat, 2).GetZ(), 1);
     VX_BitVol big(70, 9, 12);
     big.Clear();
     std::mt19937 rng(10);
@@ -300,13 +281,9 @@ TEST(VX_TightBitVol, BlockOffsetsAndIterator)
     VX_TightBitVol tb(&big, 1);
     EXPECT_EQ(tb.offset[2], 3);
     tb.CalcZLimits(lim);
-    EXPECT_EQ(lim[0], 0);
-    EXPECT_EQ(lim[1], tb.GetZ() - 1);
-    int* lines = tb.ComputeSplittingLines(3);
-    int* base = tb.VX_BitVol::ComputeSplittingLines(3);
+    EXPECT_EQ(std::make_pair(lim[0], lim[1]), std::make_pair(0, tb.GetZ() - 1));
+    std::unique_ptr<int[]> lines(tb.ComputeSplittingLines(3)), base(tb.VX_BitVol::ComputeSplittingLines(3));
     for (int i = 0; i <= 3; ++i) EXPECT_EQ(lines[i], base[i] + 3);
-    delete[] lines;
-    delete[] base;
 
     // The iterator walks the source's voxels in full-volume coordinates.
     std::unique_ptr<VX_BVSeqIterator> is(big.CreateIterator()), it(tb.CreateIterator());
@@ -314,13 +291,11 @@ TEST(VX_TightBitVol, BlockOffsetsAndIterator)
     EXPECT_EQ(Walk(it.get()), expected);
     it.reset(tb.CreateIterator());
     is.reset(big.CreateIterator());
-    ASSERT_TRUE(it->GoToSlice(7));
-    ASSERT_TRUE(is->GoToSlice(7));
+    ASSERT_TRUE(it->GoToSlice(7) && is->GoToSlice(7));
     EXPECT_EQ(Walk(it.get()), Walk(is.get()));
     ASSERT_TRUE(it->GoToSlice(1));  // below the block: from its first slice
     EXPECT_EQ(Walk(it.get()), expected);
-    EXPECT_FALSE(it->GoToSlice(tb.offset[2] + tb.GetZ()));
-    EXPECT_EQ(it->z, -1);
+    EXPECT_TRUE(!it->GoToSlice(tb.offset[2] + tb.GetZ()) && it->z == -1);
 
     std::unique_ptr<VX_BitVol> c(tb.Clone());  // a block too: its iterator adds the offsets
     std::unique_ptr<VX_BVSeqIterator> ic(c->CreateIterator());
@@ -328,8 +303,7 @@ TEST(VX_TightBitVol, BlockOffsetsAndIterator)
 
     VX_BitVol empty(8, 8, 8);
     empty.Clear();
-    VX_TightBitVol te(&empty, 2);
-    EXPECT_EQ(te.sliceCount, 0);
+    EXPECT_EQ(VX_TightBitVol(&empty, 2).sliceCount, 0);
 }
 
 TEST(VX_Overlay, OrsEveryWord)

@@ -2,7 +2,6 @@
 
 #include <math.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,8 +33,7 @@ Bytes ReadAll(std::string const& path)
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// A new file each time: rewriting a truncated file in place can make the file
-// system flush it on close, which is slow.
+// A new file each time: truncating one in place can make closing it slow.
 void WriteAll(std::string const& path, Bytes const& b)
 {
     unlink(path.c_str());
@@ -43,13 +41,7 @@ void WriteAll(std::string const& path, Bytes const& b)
 }
 
 template <class T>
-T At(Bytes const& b, size_t off)
-{
-    T v;
-    memcpy(&v, b.data() + off, sizeof v);
-    return v;
-}
-
+T At(Bytes const& b, size_t off) { T v; memcpy(&v, b.data() + off, sizeof v); return v; }
 template <class T>
 void Put(Bytes& b, size_t off, T v) { memcpy(b.data() + off, &v, sizeof v); }
 
@@ -121,8 +113,8 @@ TEST(VX_VolDataFile, SaveWritesTheLayoutAndLoadRestoresIt)
     EXPECT_EQ(Captured([&] { EXPECT_TRUE(w.Load(TempPath("layout.vol").c_str())); }), Progress(2, 3));
     ExpectSameVolume(w, *v);
     EXPECT_TRUE(w.IsLoaded() && w.ownsSlices && !w.lowRes && !w.transposedSlices && !w.blankSlice);
-    EXPECT_TRUE(w.GetThickness() == 3.0f && w.GetRescaleSlope() == 0.5f && w.GetRescaleIntercept() == -1024.0f);
-    EXPECT_TRUE(w.GetMinPixelValue() == -2000 && w.GetMaxPixelValue() == 3000);
+    EXPECT_TRUE(w.GetThickness() == 3.0f && w.GetRescaleSlope() == 0.5f && w.GetRescaleIntercept() == -1024.0f &&
+                w.GetMinPixelValue() == -2000 && w.GetMaxPixelValue() == 3000);
     EXPECT_EQ(w.GetTransposedSlices()[2][1], vxtest::Voxel(w, 0, 1, 2));
 
     // No slices: 222 bytes, and nothing printed either way.
@@ -246,10 +238,8 @@ TEST(VX_VolDataFile, DamagedFilesNeverBreakTheObject)
         VX_VolData& target = fresh ? *fresh : w;
         if (!target.Load(bad.c_str())) continue;
         ++loaded;
-        long long sum = 0;  // every voxel of a loaded volume is there to read
-        for (int z = 0; z < target.sliceCount; ++z)
-            for (int i = 0; i < target.box.GetSliceSize(); ++i) sum += target.slices[z][i];
-        sink = sink + sum;
+        for (int z = 0; z < target.sliceCount; ++z)  // every voxel of a loaded volume is there to read
+            for (int i = 0; i < target.box.GetSliceSize(); ++i) sink = sink + target.slices[z][i];
     }
     EXPECT_TRUE(w.Load(good.c_str()));
     testing::internal::GetCapturedStdout();
