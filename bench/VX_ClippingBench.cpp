@@ -95,14 +95,7 @@ void VX_ClippingSphere_Transposed(benchmark::State& state)
     delete bm;
 }
 
-void Configure(benchmark::internal::Benchmark* b)
-{
-    b->ArgName("threads")->Arg(1)->Arg(2);
-    b->Unit(benchmark::kMicrosecond)->UseRealTime();
-    b->Repetitions(5)->ReportAggregatesOnly(true);
-}
-
 }  // namespace
 
-BENCHMARK(VX_ClippingSphere_Fresh)->Apply(Configure);
-BENCHMARK(VX_ClippingSphere_Transposed)->Apply(Configure);
+BENCHMARK(VX_ClippingSphere_Fresh)->Apply(VX_BenchConfigure)->Unit(benchmark::kMicrosecond);
+BENCHMARK(VX_ClippingSphere_Transposed)->Apply(VX_BenchConfigure)->Unit(benchmark::kMicrosecond);

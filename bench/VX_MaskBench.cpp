@@ -231,23 +231,16 @@ void VX_Fread_VolumeFile(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * (long long)kVolumeBytes);
 }
 
-void Configure(benchmark::internal::Benchmark* b)
-{
-    b->ArgName("threads")->Arg(1)->Arg(2);
-    b->Unit(benchmark::kMillisecond)->UseRealTime();
-    b->Repetitions(5)->ReportAggregatesOnly(true);
-}
-
 }  // namespace
 
-BENCHMARK(VX_Memcpy_MaskBytes)->Apply(Configure);
-BENCHMARK(VX_BitVol_CountBits)->Apply(Configure);
-BENCHMARK(VX_BitVol_Or)->Apply(Configure);
-BENCHMARK(VX_BitVol_Thresh)->Apply(Configure);
-BENCHMARK(VX_RealBitVol_And_Turned20)->Apply(Configure);
-BENCHMARK(VX_RealBitVol_Subtract_Turned20)->Apply(Configure);
-BENCHMARK(VX_VolData_GetTransposedSlices)->Apply(Configure);
-BENCHMARK(VX_VolData_CreateLowRes_Avg2)->Apply(Configure);
-BENCHMARK(VX_VolData_Save)->Apply(Configure);
-BENCHMARK(VX_VolData_Load)->Apply(Configure);
-BENCHMARK(VX_Fread_VolumeFile)->Apply(Configure);
+BENCHMARK(VX_Memcpy_MaskBytes)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_BitVol_CountBits)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_BitVol_Or)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_BitVol_Thresh)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_RealBitVol_And_Turned20)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_RealBitVol_Subtract_Turned20)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_VolData_GetTransposedSlices)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_VolData_CreateLowRes_Avg2)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_VolData_Save)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_VolData_Load)->Apply(VX_BenchConfigure);
+BENCHMARK(VX_Fread_VolumeFile)->Apply(VX_BenchConfigure);
