@@ -13,7 +13,8 @@
 
 namespace vx_mpr {
 
-// The vector forms read a row index times X through a 16-bit multiply.
+// The vector forms read a row index times X through a 16-bit multiply: X and
+// the row count must both stay within this.
 constexpr int kMaxVectorX = 32767;
 
 inline int load2(short const* p)

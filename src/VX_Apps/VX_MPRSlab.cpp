@@ -7,6 +7,7 @@
 #include "VX_MPR.h"
 #include "VX_MPRKernels.h"
 #include "VX_MPRKernelsSSE2.h"
+#include "VX_MPRKernelsAVX2.h"
 #include "../VX_Types/VX_CPU.h"
 
 using namespace vx_mpr;
@@ -259,48 +260,190 @@ void planesLineSSE2(short* const* sl, int X, int n, int depth, short* out, int x
 }
 #endif
 
-inline bool useVectors(int X)
+#if defined(VX_HAVE_AVX2)
+// ---- AVX2 twins: eight pixels (or rays) at a time, the rest by the SSE2 forms ----
+
+// Keep equal to averageLine<Axis>; depth <= kMaxVectorDepth.
+template <int Axis>
+VX_AVX2_FN void averageLineAVX2(short* const* sl, int X, float avgScale, int n, int depth,
+                                short* out, int x, int y, int z, int sx, int sy, int sz, int dx, int dy, int dz)
+{
+    __m256i sa = _mm256_set1_epi32(sx), sb = _mm256_set1_epi32(sy), sc = _mm256_set1_epi32(sz);
+    __m256i one = _mm256_set1_epi32(1);
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        __m256i a = ramp8(stepAt(x, i, dx), dx), b = ramp8(stepAt(y, i, dy), dy);
+        __m256i c = ramp8(stepAt(z, i, dz), dz);
+        __m256i axisCoord = Axis == 0 ? a : Axis == 1 ? b : c;
+        __m256i plane = intParts8(axisCoord);
+        __m256i lo = _mm256_setzero_si256(), hi = _mm256_setzero_si256();
+        for (int k = 0; k < depth; ++k) {
+            __m256i lo1, hi1;
+            if (Axis == 2) {
+                // Planes are slices: bilinear over x, then y, in slices plane and plane + 1.
+                Cells8 cc = loadCells8(sl, X, _mm256_add_epi32(intParts8(a), rowOffsets8(intParts8(b), X)), plane);
+                __m256i wx = pairWeights8(a), wy = pairWeights8(b);
+                lo1 = lerp8(lerpPairs8(cc.s0r0, wx), lerpPairs8(cc.s0r1, wx), wy);
+                hi1 = lerp8(lerpPairs8(cc.s1r0, wx), lerpPairs8(cc.s1r1, wx), wy);
+            } else if (Axis == 1) {
+                // Planes are rows: bilinear over x, then z, in rows plane and plane + 1.
+                Cells8 cc = loadCells8(sl, X, _mm256_add_epi32(intParts8(a), rowOffsets8(plane, X)), intParts8(c));
+                __m256i wx = pairWeights8(a), wz = pairWeights8(c);
+                lo1 = lerp8(lerpPairs8(cc.s0r0, wx), lerpPairs8(cc.s1r0, wx), wz);
+                hi1 = lerp8(lerpPairs8(cc.s0r1, wx), lerpPairs8(cc.s1r1, wx), wz);
+            } else {
+                // Planes are columns: bilinear over y, then z. Each pair holds this
+                // plane (low half) and the next (high half); regroup into pairs along y.
+                Cells8 cc = loadCells8(sl, X, _mm256_add_epi32(plane, rowOffsets8(intParts8(b), X)), intParts8(c));
+                __m256i wy = pairWeights8(b), wz = pairWeights8(c);
+                __m256i loZ0 = _mm256_blend_epi16(cc.s0r0, _mm256_slli_epi32(cc.s0r1, 16), 0xAA);
+                __m256i loZ1 = _mm256_blend_epi16(cc.s1r0, _mm256_slli_epi32(cc.s1r1, 16), 0xAA);
+                __m256i hiZ0 = _mm256_blend_epi16(_mm256_srli_epi32(cc.s0r0, 16), cc.s0r1, 0xAA);
+                __m256i hiZ1 = _mm256_blend_epi16(_mm256_srli_epi32(cc.s1r0, 16), cc.s1r1, 0xAA);
+                lo1 = lerp8(lerpPairs8(loZ0, wy), lerpPairs8(loZ1, wy), wz);
+                hi1 = lerp8(lerpPairs8(hiZ0, wy), lerpPairs8(hiZ1, wy), wz);
+            }
+            lo = _mm256_add_epi32(lo, lo1);
+            hi = _mm256_add_epi32(hi, hi1);
+            a = _mm256_add_epi32(a, sa);
+            b = _mm256_add_epi32(b, sb);
+            c = _mm256_add_epi32(c, sc);
+            plane = _mm256_add_epi32(plane, one);
+        }
+        alignas(32) int los[8], his[8], fs[8];
+        _mm256_store_si256((__m256i*)los, lo);
+        _mm256_store_si256((__m256i*)his, hi);
+        _mm256_store_si256((__m256i*)fs, weights8(axisCoord));
+        for (int l = 0; l < 8; ++l) {
+            int64_t v = los[l] + ((fs[l] * (int64_t)(his[l] - (int64_t)los[l])) >> kWeightBits);
+            out[i + l] = (short)(int)((float)v * avgScale);
+        }
+    }
+    averageLineSSE2<Axis>(sl, X, avgScale, n - i, depth, out + i, stepAt(x, i, dx), stepAt(y, i, dy),
+                          stepAt(z, i, dz), sx, sy, sz, dx, dy, dz);
+}
+
+template <bool Max>
+VX_AVX2_FN inline __m256i extreme8(__m256i a, __m256i b)
+{
+    return Max ? _mm256_max_epi32(a, b) : _mm256_min_epi32(a, b);
+}
+
+// Keep equal to raysLine<Max>; depth >= 1.
+template <bool Max>
+VX_AVX2_FN void raysLineAVX2(short* const* sl, int X, int n, int depth, short* out, int x,
+                             int y, int z, int sx, int sy, int sz, int dx, int dy, int dz)
+{
+    __m256i sa = _mm256_set1_epi32(sx), sb = _mm256_set1_epi32(sy), sc = _mm256_set1_epi32(sz);
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        __m256i a = ramp8(stepAt(x, i, dx), dx), b = ramp8(stepAt(y, i, dy), dy);
+        __m256i c = ramp8(stepAt(z, i, dz), dz);
+        __m256i m = _mm256_set1_epi32(Max ? kRayMaxStart : kRayMinStart);
+        for (int k = 0; k < depth; ++k) {
+            m = extreme8<Max>(m, triLin8(sl, X, a, b, c));
+            a = _mm256_add_epi32(a, sa);
+            b = _mm256_add_epi32(b, sb);
+            c = _mm256_add_epi32(c, sc);
+        }
+        store8(out + i, m);
+    }
+    raysLineSSE2<Max>(sl, X, n - i, depth, out + i, stepAt(x, i, dx), stepAt(y, i, dy), stepAt(z, i, dz),
+                      sx, sy, sz, dx, dy, dz);
+}
+
+// Keep equal to planesLine<Max, Hold>.
+template <bool Max, int Hold>
+VX_AVX2_FN void planesLineAVX2(short* const* sl, int X, int n, int depth, short* out, int x,
+                               int y, int z, int sx, int sy, int sz, int dx, int dy, int dz)
+{
+    fillStart<Max>(out, n);
+    int tail = n & ~7;
+    __m256i step8[3] = {_mm256_set1_epi32(8 * dx), _mm256_set1_epi32(Hold == 1 ? 0 : 8 * dy),
+                        _mm256_set1_epi32(Hold == 2 ? 0 : 8 * dz)};
+    for (int k = 0; k < depth; ++k, x += sx, y += sy, z += sz) {
+        __m256i a = ramp8(x, dx);
+        __m256i b = Hold == 1 ? _mm256_set1_epi32(y) : ramp8(y, dy);
+        __m256i c = Hold == 2 ? _mm256_set1_epi32(z) : ramp8(z, dz);
+        for (int i = 0; i < tail; i += 8) {
+            __m128i v = narrow8(triLin8(sl, X, a, b, c));
+            __m128i o = _mm_loadu_si128((__m128i const*)(out + i));
+            _mm_storeu_si128((__m128i*)(out + i), Max ? _mm_max_epi16(o, v) : _mm_min_epi16(o, v));
+            a = _mm256_add_epi32(a, step8[0]);
+            b = _mm256_add_epi32(b, step8[1]);
+            c = _mm256_add_epi32(c, step8[2]);
+        }
+        int ta = stepAt(x, tail, dx);
+        int tb = Hold == 1 ? y : stepAt(y, tail, dy);
+        int tc = Hold == 2 ? z : stepAt(z, tail, dz);
+        for (int i = tail; i < n; ++i) {
+            out[i] = (short)extreme<Max>(out[i], triLin(sl, X, ta, tb, tc));
+            ta += dx;
+            if (Hold != 1) tb += dy;
+            if (Hold != 2) tc += dz;
+        }
+    }
+}
+#endif
+
+// The form a line takes: the scalar rule, four lanes or eight.
+enum Path { kScalar, kSSE2, kAVX2 };
+
+// The vector forms index rows through a 16-bit multiply, so X and Y must fit.
+inline Path linePath(int X, int Y, bool vectorable)
 {
 #if defined(__SSE2__)
-    return (VX_CPU_ID() & VX_CPU_SSE2) && X <= kMaxVectorX;
+    if (!vectorable || !(VX_CPU_ID() & VX_CPU_SSE2) || X > kMaxVectorX || Y > kMaxVectorX) return kScalar;
+#if defined(VX_HAVE_AVX2)
+    if (useAVX2()) return kAVX2;
+#endif
+    return kSSE2;
 #else
-    (void)X;
-    return false;
+    (void)X, (void)Y, (void)vectorable;
+    return kScalar;
 #endif
 }
 
-// The average of one line along Axis, by the vector form where it applies.
+#if defined(VX_HAVE_AVX2)
+#define VX_AVX2_CASE(call) \
+    if (path == kAVX2) return call;
+#else
+#define VX_AVX2_CASE(call)
+#endif
+#if defined(__SSE2__)
+#define VX_SSE2_CASE(call) \
+    if (path == kSSE2) return call;
+#else
+#define VX_SSE2_CASE(call)
+#endif
+
+// The average of one line along Axis, by the widest form that applies.
 template <int Axis>
-void averageDispatch(short* const* sl, int X, float avgScale, int n, int depth, short* out, int x,
+void averageDispatch(short* const* sl, int X, int Y, float avgScale, int n, int depth, short* out, int x,
                      int y, int z, int sx, int sy, int sz, int dx, int dy, int dz)
 {
-#if defined(__SSE2__)
-    if (useVectors(X) && depth <= kMaxVectorDepth)
-        return averageLineSSE2<Axis>(sl, X, avgScale, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
-#endif
+    Path path = linePath(X, Y, depth <= kMaxVectorDepth);
+    VX_AVX2_CASE(averageLineAVX2<Axis>(sl, X, avgScale, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz))
+    VX_SSE2_CASE(averageLineSSE2<Axis>(sl, X, avgScale, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz))
     averageLine<Axis>(sl, X, avgScale, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
 }
 
-// Each kernel family by its vector form where it applies (depth >= 1).
+// Each kernel family by the widest form that applies (depth >= 1 for the vectors).
 template <bool Max>
-void rays(bool vec, short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
+void rays(Path path, short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
           int sx, int sy, int sz, int dx, int dy, int dz)
 {
-#if defined(__SSE2__)
-    if (vec) return raysLineSSE2<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
-#endif
-    (void)vec;
+    VX_AVX2_CASE(raysLineAVX2<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz))
+    VX_SSE2_CASE(raysLineSSE2<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz))
     raysLine<Max>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
 }
 
 template <bool Max, int Hold>
-void planes(bool vec, short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
+void planes(Path path, short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
             int sx, int sy, int sz, int dx, int dy, int dz)
 {
-#if defined(__SSE2__)
-    if (vec) return planesLineSSE2<Max, Hold>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
-#endif
-    (void)vec;
+    VX_AVX2_CASE((planesLineAVX2<Max, Hold>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz)))
+    VX_SSE2_CASE((planesLineSSE2<Max, Hold>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz)))
     planesLine<Max, Hold>(sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
 }
 
@@ -308,19 +451,19 @@ void planes(bool vec, short* const* sl, int X, int n, int depth, short* out, int
 // otherwise a whole line is taken per sample step, with the row or the slice
 // pair hoisted when it is constant along the line.
 template <bool Max>
-void dispatchLine(short* const* sl, int X, int n, int depth, short* out, int x, int y, int z,
+void dispatchLine(short* const* sl, int X, int Y, int n, int depth, short* out, int x, int y, int z,
                   int sx, int sy, int sz, int dx, int dy, int dz)
 {
     if (n < 1) return;
-    bool vec = useVectors(X) && depth >= 1;
+    Path path = linePath(X, Y, depth >= 1);
     if (abs(sx) > kRayMajorStep)
-        rays<Max>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+        rays<Max>(path, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
     else if (abs(dy) < kFlatStep)
-        planes<Max, 1>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, 0, dz);
+        planes<Max, 1>(path, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, 0, dz);
     else if (abs(dz) < kFlatStep)
-        planes<Max, 2>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, 0);
+        planes<Max, 2>(path, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, 0);
     else
-        planes<Max, -1>(vec, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
+        planes<Max, -1>(path, sl, X, n, depth, out, x, y, z, sx, sy, sz, dx, dy, dz);
 }
 
 // Axis-snapped: each ray's start moves onto the next grid plane of axis M in
@@ -428,37 +571,37 @@ void VX_MPR::CalcLine(VX_LINE_PARAMS)
 
 void VX_MPR::CalcLineX(VX_LINE_PARAMS)
 {
-    averageDispatch<0>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<0>(volData->slices, volBox.dims[0], volBox.dims[1], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineY(VX_LINE_PARAMS)
 {
-    averageDispatch<1>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<1>(volData->slices, volBox.dims[0], volBox.dims[1], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineYp4(VX_LINE_PARAMS)
 {
-    averageDispatch<1>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<1>(volData->slices, volBox.dims[0], volBox.dims[1], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineZ(VX_LINE_PARAMS)
 {
-    averageDispatch<2>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<2>(volData->slices, volBox.dims[0], volBox.dims[1], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineZMIP(VX_LINE_PARAMS)
 {
-    averageDispatch<2>(volData->slices, volBox.dims[0], avgScale, VX_LINE_ARGS);
+    averageDispatch<2>(volData->slices, volBox.dims[0], volBox.dims[1], avgScale, VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineMIP(VX_LINE_PARAMS)
 {
-    dispatchLine<true>(volData->slices, volBox.dims[0], VX_LINE_ARGS);
+    dispatchLine<true>(volData->slices, volBox.dims[0], volBox.dims[1], VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineMin(VX_LINE_PARAMS)
 {
-    dispatchLine<false>(volData->slices, volBox.dims[0], VX_LINE_ARGS);
+    dispatchLine<false>(volData->slices, volBox.dims[0], volBox.dims[1], VX_LINE_ARGS);
 }
 
 void VX_MPR::CalcLineMIPRays(VX_LINE_PARAMS)

@@ -18,6 +18,17 @@ int readCpuid()
         if (d & (1u << 26)) bits |= VX_CPU_SSE2;
         if (c & (1u << 0)) bits |= VX_CPU_SSE3;
         if (c & (1u << 9)) bits |= VX_CPU_SSSE3;
+        // AVX2 counts only when the OS saves the YMM registers: OSXSAVE and AVX
+        // set, and XCR0 holding the SSE (bit 1) and AVX (bit 2) states.
+        bool osYmm = false;
+        if ((c & (1u << 27)) && (c & (1u << 28))) {
+            unsigned lo, hi;
+            __asm__ volatile("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+            osYmm = (lo & 6u) == 6u;
+        }
+        unsigned a7, b7, c7, d7;
+        if (osYmm && __get_cpuid_count(7, 0, &a7, &b7, &c7, &d7) && (b7 & (1u << 5)))
+            bits |= VX_CPU_AVX2;
     }
 #endif
     return bits;

@@ -11,6 +11,7 @@ enum {
     VX_CPU_SSE2 = 4,   // selects the vector paths
     VX_CPU_SSE3 = 8,
     VX_CPU_SSSE3 = 16,
+    VX_CPU_AVX2 = 32,  // selects the 8-lane paths, with SSE2 (only when the OS saves YMM state)
 };
 
 // The feature bits of this processor, limited by VX_SetCPUIDMask.

@@ -28,24 +28,31 @@ inline int Lerp(int a, int b, int f) { return a + (((b - a) * f) >> 15); }
 // a + k * s in 32-bit wrap-around arithmetic, as the kernels accumulate.
 inline int Mad(int a, int k, int s) { return (int)((uint32_t)a + (uint32_t)k * (uint32_t)s); }
 
-// Runs f on the scalar paths with one thread, then on the vector paths with
-// four, expecting the same values; returns them.
+// Runs f on the scalar paths with one thread, then on the four-lane vector
+// paths and on all paths (eight lanes where the processor has them) with four,
+// expecting the same values; returns the last.
 template <class F>
 std::vector<short> BothPaths(F f)
 {
-    std::vector<short> out[2];
+    struct Path { int mask, threads; char const* name; };
+    const Path paths[3] = {{0, 1, "scalar path on 1 thread"}, {~VX_CPU_AVX2, 4, "SSE2 path on 4 threads"},
+                           {-1, 4, "widest path on 4 threads"}};
+    std::vector<short> out[3];
     int saved = omp_get_max_threads();
-    for (int path = 0; path < 2; ++path) {
-        VX_SetCPUIDMask(path ? -1 : 0);
-        omp_set_num_threads(path ? 4 : 1);
-        out[path] = f();
+    for (int p = 0; p < 3; ++p) {
+        VX_SetCPUIDMask(paths[p].mask);
+        omp_set_num_threads(paths[p].threads);
+        out[p] = f();
     }
+    VX_SetCPUIDMask(-1);
     omp_set_num_threads(saved);
-    auto bad = std::mismatch(out[0].begin(), out[0].end(), out[1].begin());
-    if (bad.first != out[0].end())
-        ADD_FAILURE() << "value " << bad.first - out[0].begin() << ": scalar path on 1 thread " << *bad.first
-                      << ", vector path on 4 threads " << *bad.second;
-    return out[1];
+    for (int p = 1; p < 3; ++p) {
+        auto bad = std::mismatch(out[0].begin(), out[0].end(), out[p].begin());
+        if (bad.first != out[0].end())
+            ADD_FAILURE() << "value " << bad.first - out[0].begin() << ": " << paths[0].name << " " << *bad.first
+                          << ", " << paths[p].name << " " << *bad.second;
+    }
+    return out[2];
 }
 
 // A VX_MPR on a volume, with its output buffer.
