@@ -535,7 +535,7 @@ void VX_MPR::CalcImageAvgTriLin(short* bounds, int n, float* zvec)
     int planeAxis = slabMIP || slabMin ? -1 : slabAxis;
     bool poll = !rotate && !noInterrupt;
     std::atomic<bool> interrupted{false};
-#pragma omp parallel for schedule(static, 1)
+#pragma omp parallel for schedule(static)
     for (int k = 0; k < kSlabBlocks; ++k) {
         if (poll && !interrupted.load(std::memory_order_relaxed))
             interrupted.store(multithread.InterruptRequest(12), std::memory_order_relaxed);
