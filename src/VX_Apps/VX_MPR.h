@@ -143,6 +143,9 @@ private:
     // Fixed-point start and steps of pixel (0, 0); false when the guard fails.
     bool fixedPointFrame(bool shiftHalf, int* start, int* col, int* row);
     void sampleSection(short* bounds, int reach, SectionRow row);
+    // The trilinear section taken along lines of constant slice (eight lanes);
+    // false, having drawn nothing, where rows are as good or the lines do not apply.
+    bool sampleAlongSlices(short* bounds);
 };
 
 #endif
