@@ -352,10 +352,10 @@ bool VX_MPR::sampleAlongSlices(short* bounds)
 #if defined(VX_HAVE_AVX2)
     int s[3], c[3], r[3];
     int W = imageBox.dims[0], H = imageBox.dims[1];
-    // Rows change slice less than once in 64 pixels: they are as good.
+    // Rows that change slice less than once in 16 pixels are as good.
     if (W > 30000 || H > 30000 || !fixedPointFrame(interpolation == 1, s, c, r)) return false;
     long long cz = c[2], rz = r[2];
-    if (std::llabs(cz) * 64 <= (1ll << kFracBits)) return false;
+    if (std::llabs(cz) * 16 <= (1ll << kFracBits)) return false;
     // Along (rz, -cz) in pixels the slice coordinate stays put.
     SliceLines g;
     g.vertical = std::llabs(cz) > std::llabs(rz);
