@@ -294,9 +294,9 @@ struct SliceLines {
     int uLo, uHi; // the lines, inclusive
 };
 
-// One line, eight pixels at a time. Groups with a pixel outside its row's span
-// take the scalar rule for the pixels inside. L and R hold each row's span,
-// H + 8 entries (empty past the picture).
+// One line, eight pixels at a time; only pixels inside their row's span are
+// sampled and stored. L and R hold each row's span, H + 8 entries (empty past
+// the picture).
 VX_AVX2_FN void sliceLineAVX2(int u, SliceLines const& g, short* out, int W, int H, short* const* sl, int X,
                               int const* s, int const* c, int const* r, int const* L, int const* R)
 {
@@ -321,26 +321,25 @@ VX_AVX2_FN void sliceLineAVX2(int u, SliceLines const& g, short* out, int W, int
         in = _mm256_andnot_si256(_mm256_or_si256(_mm256_cmpgt_epi32(lo, i), _mm256_cmpgt_epi32(i, hi)), in);
         int bits = _mm256_movemask_ps(_mm256_castsi256_ps(in));
         if (!bits) continue;
+        if (bits != 0xFF) {
+            // Lanes outside their row's span sample a pixel that is inside and store nothing.
+            int f = __builtin_ctz((unsigned)bits);
+            __m256i lane = _mm256_set1_epi32(f);
+            i = _mm256_blendv_epi8(_mm256_permutevar8x32_epi32(i, lane), i, in);
+            j = _mm256_blendv_epi8(_mm256_permutevar8x32_epi32(j, lane), j, in);
+        }
+        __m256i p[3];
+        for (int a = 0; a < 3; ++a)
+            p[a] = _mm256_add_epi32(_mm256_set1_epi32(s[a]),
+                                    _mm256_add_epi32(_mm256_mullo_epi32(j, _mm256_set1_epi32(r[a])),
+                                                     _mm256_mullo_epi32(i, _mm256_set1_epi32(c[a]))));
         alignas(32) int I[8], J[8];
+        alignas(16) short v[8];
         _mm256_store_si256((__m256i*)I, i);
         _mm256_store_si256((__m256i*)J, j);
-        if (bits == 0xFF) {
-            __m256i p[3];
-            for (int a = 0; a < 3; ++a)
-                p[a] = _mm256_add_epi32(_mm256_set1_epi32(s[a]),
-                                        _mm256_add_epi32(_mm256_mullo_epi32(j, _mm256_set1_epi32(r[a])),
-                                                         _mm256_mullo_epi32(i, _mm256_set1_epi32(c[a]))));
-            alignas(16) short v[8];
-            _mm_store_si128((__m128i*)v, narrow8(triLin8(sl, X, p[0], p[1], p[2])));
-            for (int l = 0; l < 8; ++l) out[(size_t)J[l] * W + I[l]] = v[l];
-            continue;
-        }
-        for (int l = 0; l < 8; ++l) {
-            if (!(bits >> l & 1)) continue;
-            int q[3];
-            for (int a = 0; a < 3; ++a) q[a] = stepAt(stepAt(s[a], J[l], r[a]), I[l], c[a]);
-            out[(size_t)J[l] * W + I[l]] = (short)triLin(sl, X, q[0], q[1], q[2]);
-        }
+        _mm_store_si128((__m128i*)v, narrow8(triLin8(sl, X, p[0], p[1], p[2])));
+        for (int l = 0; l < 8; ++l)
+            if (bits >> l & 1) out[(size_t)J[l] * W + I[l]] = v[l];
     }
 }
 #endif
