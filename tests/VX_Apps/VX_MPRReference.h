@@ -18,9 +18,7 @@
 
 namespace vxref {
 
-constexpr int kFracBits = 18;                         // grid coordinates are 14.18 fixed point
-constexpr int kRayMax = -88888, kRayMin = 88888;      // ray-major starts of the maximum and minimum
-constexpr int kPlaneMax = -32640, kPlaneMin = 32639;  // plane-major starts, 0x8080 and 0x7F7F
+constexpr int kFracBits = 18;  // grid coordinates are 14.18 fixed point
 
 inline int Fix(float v) { return (int)(v * 262144.0f); }
 inline int Weight(int v) { return (v >> 3) & 0x7FFF; }
@@ -28,9 +26,9 @@ inline int Lerp(int a, int b, int f) { return a + (((b - a) * f) >> 15); }
 // a + k * s in 32-bit wrap-around arithmetic, as the kernels accumulate.
 inline int Mad(int a, int k, int s) { return (int)((uint32_t)a + (uint32_t)k * (uint32_t)s); }
 
-// Runs f on the scalar paths with one thread, then on the four-lane vector
-// paths and on all paths (eight lanes where the processor has them) with four,
-// expecting the same values; returns the last.
+// Runs f on the scalar paths with one thread, on the four-lane vector paths with
+// four, and on all paths (eight lanes where there are) with four; expects the
+// same values and returns the last.
 template <class F>
 std::vector<short> BothPaths(F f)
 {
@@ -55,20 +53,20 @@ std::vector<short> BothPaths(F f)
     return out[2];
 }
 
-// A VX_MPR on a volume, with its output buffer.
+// A VX_MPR making a trilinear section of a volume, with its output buffer.
 struct Rig {
     VX_MPR mpr;
     std::vector<short> out;
     int W = 0, H = 0;
 
-    void Use(VX_VolData& v, short fill)  // a trilinear section of v
+    void Use(VX_VolData& v, short fill)
     {
         v.SetMinPixelValue(fill);
         mpr.volData = &v, mpr.volBox = v.box;
         mpr.interpolation = 1, mpr.slabThickness = 0;
         mpr.rotate = mpr.noInterrupt = mpr.slabMIP = mpr.slabMin = false;
     }
-    void Calc()  // CalcRaster on both paths; out keeps the picture
+    void Calc()  // CalcRaster on every path into out
     {
         W = mpr.imageBox.dims[0], H = mpr.imageBox.dims[1];
         out = BothPaths([&] {
@@ -81,8 +79,7 @@ struct Rig {
     short Out(int i, int j) const { return out[i + j * W]; }
 };
 
-// A W x H image of sp mm pixels, centred at depth 0 on the volume's centre plus shift,
-// turned by rot (image physical = volume physical moved to that origin, then turned).
+// A W x H image of sp mm pixels centred on the volume's centre plus shift, turned by rot.
 inline void PlaceImage(VX_MPR& m, VX_Mat const& rot, int W, int H, float sp, VX_3Vec shift)
 {
     VX_PhysBox p(W * sp, H * sp, 1);
@@ -104,8 +101,7 @@ struct Vol {  // reads voxels, clearing inRange at the first one outside
     }
 };
 
-// Bilinear on grid plane `plane` of axis m over the two other axes, the lower
-// one first (m 0: y then z; m 1: x then z; m 2: x then y), rounding down.
+// Bilinear on grid plane `plane` of axis m, the lower other axis first, rounding down.
 inline int Bilin(Vol& v, int m, int plane, int const* p)
 {
     int u = m == 0 ? 1 : 0, w = m == 2 ? 1 : 2;
@@ -118,15 +114,14 @@ inline int Bilin(Vol& v, int m, int plane, int const* p)
     return Lerp(Lerp(at(0, 0), at(1, 0), fu), Lerp(at(0, 1), at(1, 1), fu), Weight(p[w]));
 }
 
-// Trilinear at fixed-point grid point p: x, then y, then z.
-inline int TriLin(Vol& v, int const* p)
+inline int TriLin(Vol& v, int const* p)  // x, then y, then z
 {
     int iz = p[2] >> kFracBits;
     return Lerp(Bilin(v, 2, iz, p), Bilin(v, 2, iz + 1, p), Weight(p[2]));
 }
 
 // Fixed-point start of pixel (0, 0) and the column and row steps, from
-// B = Inv(volBox int->phys * trans * imageBox phys->int).
+// Inv(volBox int->phys * trans * imageBox phys->int).
 struct Frame {
     int start[3], col[3], row[3];
     bool ok = true;
@@ -141,14 +136,14 @@ struct Frame {
             start[a] = Fix(p[a]), col[a] = Fix(B.m[0].f[a]), row[a] = Fix(B.m[1].f[a]);
         }
     }
-    void Pixel(int i, int j, int* p) const  // start + j rows + i columns
+    void Pixel(int i, int j, int* p) const
     {
         for (int a = 0; a < 3; ++a) p[a] = Mad(Mad(start[a], j, row[a]), i, col[a]);
     }
 };
 
-// The slab step: the image normal in grid units, scaled so that element axis
-// is 1, and n, the steps covering half the slab.
+// The slab step: the image normal in grid units scaled to 1 on element `axis`,
+// and n, the steps covering half the slab.
 struct ZVec {
     VX_3Vec v;
     int axis, n;
@@ -167,7 +162,7 @@ struct ZVec {
     }
 };
 
-// Average of depth samples from p by steps s, two bilinears per sample and the
+// Average of depth samples from p by steps s: two bilinears per sample, the
 // lerp along `axis` hoisted out of the ray.
 inline int AvgRay(Vol& v, int axis, float avgScale, int depth, int const* p, int const* s)
 {
@@ -181,11 +176,11 @@ inline int AvgRay(Vol& v, int axis, float avgScale, int depth, int const* p, int
     return (short)(int)((float)mix * avgScale);
 }
 
-// Extreme of the trilinear samples along a ray as a kernel stores it: ray-major
-// from -88888 / 88888, narrowed to 16 bits; plane-major from 0x8080 / 0x7F7F.
+// Extreme of the trilinear samples of a ray, narrowed to 16 bits: ray-major
+// kernels start from -88888 / 88888, plane-major ones from 0x8080 / 0x7F7F.
 inline short ExtremeRay(Vol& v, bool isMax, bool rayMajor, int depth, int const* p, int const* s)
 {
-    int r = rayMajor ? (isMax ? kRayMax : kRayMin) : (isMax ? kPlaneMax : kPlaneMin);
+    int r = rayMajor ? (isMax ? -88888 : 88888) : (isMax ? -32640 : 32639);
     for (int k = 0; k < depth; ++k) {
         int q[3] = {Mad(p[0], k, s[0]), Mad(p[1], k, s[1]), Mad(p[2], k, s[2])};
         r = isMax ? std::max(r, TriLin(v, q)) : std::min(r, TriLin(v, q));
@@ -193,8 +188,8 @@ inline short ExtremeRay(Vol& v, bool isMax, bool rayMajor, int depth, int const*
     return (short)r;
 }
 
-// Compares rig.out with one(vol, p) inside bounds (p the pixel's point in f), with fill
-// elsewhere. Returns the pixels inside, or -1 at the first difference or outside sample.
+// Compares rig.out with one(vol, p) inside bounds, with fill elsewhere. Returns
+// the pixels inside, or -1 at the first difference or sample outside the volume.
 template <class F>
 long CompareImage(Rig const& rig, VX_VolData const& vol, Frame const& f, short const* bounds, short fill, F one)
 {

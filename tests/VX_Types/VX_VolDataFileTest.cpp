@@ -45,13 +45,6 @@ T At(Bytes const& b, size_t off) { T v; memcpy(&v, b.data() + off, sizeof v); re
 template <class T>
 void Put(Bytes& b, size_t off, T v) { memcpy(b.data() + off, &v, sizeof v); }
 
-Bytes Edited(Bytes b, Edits const& e, size_t size)
-{
-    for (auto const& w : e) Put(b, w.first, w.second);
-    b.resize(size);
-    return b;
-}
-
 int Pattern(int x, int y, int z) { return x * 300 - y * 7 + z * 1000 - 20000; }
 
 // A turned and moved volume with every saved field set, and its file.
@@ -125,6 +118,16 @@ TEST(VX_VolDataFile, SaveWritesTheLayoutAndLoadRestoresIt)
     EXPECT_EQ(ReadAll(empty).size(), 222u);
     EXPECT_EQ(Captured([&] { EXPECT_TRUE(e2.Load(empty.c_str())); }), "");
     EXPECT_TRUE(e2.sliceCount == 0 && e2.box.GetX() == 3 && e2.IsLoaded());
+
+    // The same file through a pipe, which cannot seek.
+    const std::string fifo = TempPath("pipe.fifo");
+    unlink(fifo.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::thread writer([&] { std::ofstream(fifo, std::ios::binary).write((char const*)f.data(), (std::streamsize)f.size()); });
+    EXPECT_EQ(Captured([&] { EXPECT_TRUE(e2.Load(fifo.c_str())); }), Progress(2, 3));
+    writer.join();
+    unlink(fifo.c_str());
+    ExpectSameVolume(e2, *v);
 }
 
 TEST(VX_VolDataFile, FailureMessagesAndImpossibleHeaders)
@@ -150,11 +153,15 @@ TEST(VX_VolDataFile, FailureMessagesAndImpossibleHeaders)
         {{{86, 1 << 30}}, g.size(), err},                   // X * Y * 2 beyond 31 bits
         {{{86, 1 << 25}, {94, 16}, {194, 16}}, g.size(), err},  // X * Y * Z beyond 31 bits
         {{{86, 0}, {94, 1 << 20}, {194, 1 << 20}}, 222, err},   // empty slices by the million
+        {{{94, 100000}, {194, 100000}}, 222 + 2 * 60 + 5, Progress(2, 100000) + "error reading slice 2\n"},
         {{}, 222 + 3 * 60, cut3},
         {{}, 222 + 3 * 60 + 17, cut3},
     };
     for (Case const& c : cases) {
-        WriteAll(bad, Edited(g, c.edits, c.size));
+        Bytes b = g;
+        for (auto const& e : c.edits) Put(b, e.first, e.second);
+        b.resize(c.size);
+        WriteAll(bad, b);
         EXPECT_EQ(Captured([&] { EXPECT_FALSE(w.Load(bad.c_str())); }), c.out) << c.size;
     }
     // Cut in slice 3: a complete object whose first three slices are read.
@@ -162,48 +169,18 @@ TEST(VX_VolDataFile, FailureMessagesAndImpossibleHeaders)
     ExpectSameSlices(w, *v, 3);
     EXPECT_EQ(Captured([&] { EXPECT_TRUE(w.Load(good.c_str())); }), Progress(5, 6));
     ExpectSameVolume(w, *v);
+    // NaN and infinite placement, thickness and rescale values are just stored.
+    Put(g, 22, NAN), Put(g, 102 + 20, INFINITY), Put(g, 210, -INFINITY), Put(g, 218, NAN);
+    WriteAll(bad, g);
+    EXPECT_EQ(Captured([&] { EXPECT_TRUE(w.Load(bad.c_str())); }), Progress(5, 6));
+    EXPECT_TRUE(isnan(w.box.vecs[0].x) && isinf(w.transposedBox.vecs[1].y) && isnan(w.rescaleIntercept));
+    ExpectSameSlices(w, *v, 6);
 
     // A full device fails on the first slice that passes the stream buffer.
     if (access("/dev/full", W_OK) == 0) {
         auto big = vxtest::MakeVolume(VX_Box(64, 64, 2), Pattern);
         EXPECT_EQ(Captured([&] { EXPECT_FALSE(big->Save("/dev/full")); }), "error writing slice 0\n");
     }
-}
-
-TEST(VX_VolDataFile, ShortFileOfAHugeVolumeAndNonFiniteFields)
-{
-    Bytes g;
-    const std::string bad = TempPath("h_bad.vol");
-    auto v = SampleVolume(4, 4, 4, TempPath("h_good.vol"), &g);
-    VX_VolData w(&v->box);
-    // 100000 slices promised, two and a bit present: the messages of a reader
-    // failing in slice 2, while only the two whole slices are kept.
-    WriteAll(bad, Edited(g, {{94, 100000}, {194, 100000}}, 222 + 2 * 32 + 5));
-    EXPECT_EQ(Captured([&] { EXPECT_FALSE(w.Load(bad.c_str())); }), Progress(2, 100000) + "error reading slice 2\n");
-    ASSERT_TRUE(w.sliceCount == 2 && w.box.GetZ() == 2);
-    ExpectSameSlices(w, *v, 2);
-    // NaN and infinite placement, thickness and rescale values are just stored.
-    Bytes n = g;
-    Put(n, 22, NAN), Put(n, 102 + 20, INFINITY), Put(n, 210, -INFINITY), Put(n, 218, NAN);
-    WriteAll(bad, n);
-    EXPECT_EQ(Captured([&] { EXPECT_TRUE(w.Load(bad.c_str())); }), Progress(3, 4));
-    EXPECT_TRUE(isnan(w.box.vecs[0].x) && isinf(w.transposedBox.vecs[1].y) && isnan(w.rescaleIntercept));
-    ExpectSameSlices(w, *v, 4);
-}
-
-TEST(VX_VolDataFile, LoadsFromAPipe)
-{
-    Bytes g;
-    const std::string fifo = TempPath("pipe.fifo");
-    auto v = SampleVolume(5, 4, 3, TempPath("pipe.vol"), &g);
-    unlink(fifo.c_str());
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    std::thread writer([&] { std::ofstream(fifo, std::ios::binary).write((char const*)g.data(), (std::streamsize)g.size()); });
-    VX_VolData w(&v->box);
-    EXPECT_EQ(Captured([&] { EXPECT_TRUE(w.Load(fifo.c_str())); }), Progress(2, 3));
-    writer.join();
-    unlink(fifo.c_str());
-    ExpectSameVolume(w, *v);
 }
 
 // Thousands of damaged files: header words set to edge or random values,
@@ -234,12 +211,10 @@ TEST(VX_VolDataFile, DamagedFilesNeverBreakTheObject)
             }
         }
         WriteAll(bad, b);
-        std::unique_ptr<VX_VolData> fresh(pick(4) == 0 ? new VX_VolData(&v->box) : nullptr);
-        VX_VolData& target = fresh ? *fresh : w;
-        if (!target.Load(bad.c_str())) continue;
+        if (!w.Load(bad.c_str())) continue;
         ++loaded;
-        for (int z = 0; z < target.sliceCount; ++z)  // every voxel of a loaded volume is there to read
-            for (int i = 0; i < target.box.GetSliceSize(); ++i) sink = sink + target.slices[z][i];
+        for (int z = 0; z < w.sliceCount; ++z)  // every voxel of a loaded volume is there to read
+            for (int i = 0; i < w.box.GetSliceSize(); ++i) sink = sink + w.slices[z][i];
     }
     EXPECT_TRUE(w.Load(good.c_str()));
     testing::internal::GetCapturedStdout();
