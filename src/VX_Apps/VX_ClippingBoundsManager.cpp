@@ -6,7 +6,7 @@
 #include <vector>
 
 #if defined(__SSE2__)
-#include <emmintrin.h>
+#include <immintrin.h>
 #endif
 
 #include "../VX_Types/VX_CPU.h"
@@ -250,44 +250,30 @@ inline void emptyRange(short* D, int from, int to)
     for (; x < to; ++x) setEmpty(D, x);
 }
 
-// F and L: scratch of m + 2 * kPad shorts each.
-void transposeSliceSSE2(short const* S, int n, short* D, int m, short* F, short* L)
+// The first and last non-empty rows i and j; false when there is none.
+inline bool nonEmptyRows(short const* S, int n, int m, int& i, int& j)
 {
-    Lanes c(m);
-    int i = 0, j = n - 1;
+    i = 0, j = n - 1;
     for (int bits; i + 16 <= n; i += 16)
         if ((bits = storedNonEmpty16(S + 2 * i))) {
             i += __builtin_ctz((unsigned)bits);
             break;
         }
     while (i < n && rowEmpty(S, i, m)) ++i;
-    if (i == n) {
-        emptyRange(D, 0, m);
-        return;
-    }
+    if (i == n) return false;
     for (int bits; j - 15 > i; j -= 16)
         if ((bits = storedNonEmpty16(S + 2 * (j - 15)))) {
             j -= __builtin_clz((unsigned)bits) - 16;
             break;
         }
     while (rowEmpty(S, j, m)) --j;
+    return true;
+}
 
-    Walk down{F + kPad, 0, 0, i}, up{L + kPad, 0, 0, j};
-    down.lo = down.hi = std::max((int)S[2 * i], 0);
-    up.lo = up.hi = std::max((int)S[2 * j], 0);
-    down.T[down.lo] = (short)i;
-    up.T[up.lo] = (short)j;
-    while (down.row <= up.row) {
-        walk<false>(S, n, down, c);
-        walk<true>(S, n, up, c);
-    }
-    int lo = std::min(down.lo, up.lo), hi = std::max(down.hi, up.hi);
-    while (down.lo != lo || down.hi != hi) walk<false>(S, n, down, c);
-    while (up.lo != lo || up.hi != hi) walk<true>(S, n, up, c);
-
+// D = (first[x], last[x]) for lo <= x <= hi and (0, -1) elsewhere.
+inline void interleaveColumns(short* D, int m, int lo, int hi, short const* first, short const* last)
+{
     emptyRange(D, 0, lo);
-    short const* first = down.T;
-    short const* last = up.T;
     int x = lo;
     for (; x + 8 <= hi + 1; x += 8) {
         __m128i a = _mm_loadu_si128((__m128i const*)(first + x));
@@ -301,6 +287,273 @@ void transposeSliceSSE2(short const* S, int n, short* D, int m, short* F, short*
     }
     emptyRange(D, hi + 1, m);
 }
+
+// F and L: scratch of m + 2 * kPad shorts each.
+void transposeSliceSSE2(short const* S, int n, short* D, int m, short* F, short* L)
+{
+    int i, j;
+    if (!nonEmptyRows(S, n, m, i, j)) {
+        emptyRange(D, 0, m);
+        return;
+    }
+    Lanes c(m);
+    Walk down{F + kPad, 0, 0, i}, up{L + kPad, 0, 0, j};
+    down.lo = down.hi = std::max((int)S[2 * i], 0);
+    up.lo = up.hi = std::max((int)S[2 * j], 0);
+    down.T[down.lo] = (short)i;
+    up.T[up.lo] = (short)j;
+    while (down.row <= up.row) {
+        walk<false>(S, n, down, c);
+        walk<true>(S, n, up, c);
+    }
+    int lo = std::min(down.lo, up.lo), hi = std::max(down.hi, up.hi);
+    while (down.lo != lo || down.hi != hi) walk<false>(S, n, down, c);
+    while (up.lo != lo || up.hi != hi) walk<true>(S, n, up, c);
+
+    interleaveColumns(D, m, lo, hi, down.T, up.T);
+}
+
+#if defined(__GNUC__)
+#define VX_HAVE_AVX2_TRANSPOSE 1
+#define VX_AVX2_FN __attribute__((target("avx2")))
+
+// The same two walks with AVX2, eight rows a block. Each row is one 32-bit
+// pair (first, -last), read clamped, so that one running minimum gives both
+// ends of the span; an empty row becomes (32767, 32767). A block in which no
+// row widens the span by more than one column on either side writes its new
+// columns with one store per side: the numbers of the rows that widen it,
+// packed in walk order. Any other block stores per row, as the SSE2 walk does.
+
+// For each 8-bit mask, the byte shuffle that packs the 16-bit lanes of its set
+// bits, lowest first, into the lowest lanes.
+struct PackShuffles {
+    alignas(16) signed char c[256][16];
+    constexpr PackShuffles() : c{}
+    {
+        for (int m = 0; m < 256; ++m) {
+            int j = 0;
+            for (int k = 0; k < 8; ++k)
+                if (m >> k & 1) {
+                    c[m][2 * j] = (signed char)(2 * k);
+                    c[m][2 * j + 1] = (signed char)(2 * k + 1);
+                    ++j;
+                }
+            for (; j < 8; ++j) c[m][2 * j] = c[m][2 * j + 1] = -128;
+        }
+    }
+};
+constexpr PackShuffles kPackShuffles;
+
+struct PairLanes {
+    __m256i low, high, sign, empty;
+    VX_AVX2_FN explicit PairLanes(int m)
+    {
+        low = _mm256_set1_epi32((int)0x80000000u);                          // (0, -32768)
+        high = _mm256_set1_epi32((int)(((unsigned)(m - 1) << 16) | 0x7FFF));   // (32767, m - 1)
+        sign = _mm256_set1_epi32((int)0xFFFF0001u);                          // (1, -1)
+        empty = _mm256_set1_epi32(0x7FFF7FFF);
+    }
+};
+
+VX_AVX2_FN inline __m256i pairs8(__m256i v, PairLanes const& c)
+{
+    v = _mm256_min_epi16(_mm256_max_epi16(v, c.low), c.high);
+    __m256i empty = _mm256_cmpgt_epi32(_mm256_madd_epi16(v, c.sign), _mm256_setzero_si256());   // first - last > 0
+    return _mm256_blendv_epi8(_mm256_sign_epi16(v, c.sign), c.empty, empty);
+}
+
+VX_AVX2_FN inline __m256i pairs8Partial(short const* S, int n, int r0, PairLanes const& c)
+{
+    alignas(32) short t[16];
+    for (int k = 0; k < 8; ++k) {
+        bool in = r0 + k >= 0 && r0 + k < n;
+        t[2 * k] = in ? S[2 * (r0 + k)] : 1;
+        t[2 * k + 1] = in ? S[2 * (r0 + k) + 1] : 0;
+    }
+    return pairs8(_mm256_load_si256((__m256i const*)t), c);
+}
+
+struct PairWalk {
+    short* T;       // column array, kPad columns of margin on either side
+    __m256i span;   // (lo, -hi) of the span so far, in every pair
+    int row;        // next row
+};
+
+VX_AVX2_FN inline int spanLo(PairWalk const& w) { return (short)_mm256_cvtsi256_si32(w.span); }
+VX_AVX2_FN inline int spanHi(PairWalk const& w) { return -(short)((unsigned)_mm256_cvtsi256_si32(w.span) >> 16); }
+
+// One block of 8 rows, as walkBlock: downward rows w.row .. w.row + 7 in pairs
+// 0..7, upward rows w.row - 7 .. w.row in pairs 0..7, walked from pair 7.
+template <bool kUp>
+VX_AVX2_FN inline void pairWalkBlock(__m256i v, PairWalk& w)
+{
+    const int top = 0x7FFF7FFF, bottom = (int)0x80008000u;
+    // Span after each row: running minimum in walk order within each half,
+    // then the first half's result carried into the second.
+    __m256i p;
+    if constexpr (!kUp) {
+        p = _mm256_min_epi16(v, _mm256_or_si256(_mm256_slli_si256(v, 4), _mm256_setr_epi32(top, 0, 0, 0, top, 0, 0, 0)));
+        p = _mm256_min_epi16(p, _mm256_or_si256(_mm256_slli_si256(p, 8), _mm256_setr_epi32(top, top, 0, 0, top, top, 0, 0)));
+        __m256i carry = _mm256_max_epi16(_mm256_permutevar8x32_epi32(p, _mm256_set1_epi32(3)),
+                                         _mm256_setr_epi32(top, top, top, top, bottom, bottom, bottom, bottom));
+        p = _mm256_min_epi16(p, _mm256_min_epi16(carry, w.span));
+    } else {
+        p = _mm256_min_epi16(v, _mm256_or_si256(_mm256_srli_si256(v, 4), _mm256_setr_epi32(0, 0, 0, top, 0, 0, 0, top)));
+        p = _mm256_min_epi16(p, _mm256_or_si256(_mm256_srli_si256(p, 8), _mm256_setr_epi32(0, 0, top, top, 0, 0, top, top)));
+        __m256i carry = _mm256_max_epi16(_mm256_permutevar8x32_epi32(p, _mm256_set1_epi32(4)),
+                                         _mm256_setr_epi32(bottom, bottom, bottom, bottom, top, top, top, top));
+        p = _mm256_min_epi16(p, _mm256_min_epi16(carry, w.span));
+    }
+    // Span before each row.
+    __m256i pp = kUp ? _mm256_alignr_epi8(_mm256_permute2x128_si256(p, w.span, 0x21), p, 4)
+                     : _mm256_alignr_epi8(p, _mm256_permute2x128_si256(w.span, p, 0x20), 12);
+    __m256i widen = _mm256_sub_epi16(pp, p);   // columns each row adds, on either side
+    const __m256i one = _mm256_set1_epi16(1);
+    short* T = w.T;
+    unsigned before = (unsigned)_mm256_cvtsi256_si32(w.span);
+    if (!_mm256_movemask_epi8(_mm256_cmpgt_epi16(widen, one))) {
+        __m256i by1 = _mm256_cmpeq_epi16(widen, one);
+        if constexpr (kUp) by1 = _mm256_permutevar8x32_epi32(by1, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
+        int right = _mm256_movemask_ps(_mm256_castsi256_ps(by1));
+        int left = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_slli_epi32(by1, 16)));
+        __m128i rows = _mm_add_epi16(_mm_set1_epi16((short)w.row), kUp ? _mm_setr_epi16(0, -1, -2, -3, -4, -5, -6, -7)
+                                                                       : _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7));
+        __m128i r = _mm_shuffle_epi8(rows, _mm_load_si128((__m128i const*)kPackShuffles.c[right]));
+        __m128i l = _mm_shuffle_epi8(rows, _mm_load_si128((__m128i const*)kPackShuffles.c[left]));
+        l = _mm_shuffle_epi8(l, _mm_setr_epi8(14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1));
+        _mm_storeu_si128((__m128i*)(T + (unsigned short)before - 8), l);
+        _mm_storeu_si128((__m128i*)(T + 1 - (short)(before >> 16)), r);
+    } else {
+        __m128i lo4 = _mm256_castsi256_si128(pp), hi4 = _mm256_extracti128_si256(pp, 1);
+        unsigned long long e0 = (unsigned long long)_mm_cvtsi128_si64(lo4);
+        unsigned long long e1 = (unsigned long long)_mm_extract_epi64(lo4, 1);
+        unsigned long long e2 = (unsigned long long)_mm_cvtsi128_si64(hi4);
+        unsigned long long e3 = (unsigned long long)_mm_extract_epi64(hi4, 1);
+        __m128i rv = _mm_set1_epi16((short)w.row);
+        const __m128i step = _mm_set1_epi16(kUp ? -1 : 1);
+#define VX_STORE_ROW(e, sh)                                                              \
+    _mm_storeu_si128((__m128i*)(T + (unsigned short)((e) >> (sh)) - 8), rv);             \
+    _mm_storeu_si128((__m128i*)(T + 1 - (short)((e) >> ((sh) + 16))), rv);               \
+    rv = _mm_add_epi16(rv, step);
+        if constexpr (kUp) {
+            VX_STORE_ROW(e3, 32) VX_STORE_ROW(e3, 0) VX_STORE_ROW(e2, 32) VX_STORE_ROW(e2, 0)
+            VX_STORE_ROW(e1, 32) VX_STORE_ROW(e1, 0) VX_STORE_ROW(e0, 32) VX_STORE_ROW(e0, 0)
+        } else {
+            VX_STORE_ROW(e0, 0) VX_STORE_ROW(e0, 32) VX_STORE_ROW(e1, 0) VX_STORE_ROW(e1, 32)
+            VX_STORE_ROW(e2, 0) VX_STORE_ROW(e2, 32) VX_STORE_ROW(e3, 0) VX_STORE_ROW(e3, 32)
+        }
+#undef VX_STORE_ROW
+        if (unsigned bits = (unsigned)_mm256_movemask_epi8(_mm256_cmpgt_epi16(widen, _mm256_set1_epi16(8)))) {
+            alignas(32) short A[16], P[16];
+            _mm256_store_si256((__m256i*)A, pp);
+            _mm256_store_si256((__m256i*)P, p);
+            do {
+                int k = __builtin_ctz(bits) >> 2;
+                bits &= ~(0xFu << (4 * k));
+                __m128i r = _mm_set1_epi16((short)(kUp ? w.row - 7 + k : w.row + k));
+                fillExact(T, P[2 * k], A[2 * k] - 9, r);
+                fillExact(T, 9 - A[2 * k + 1], -P[2 * k + 1], r);
+            } while (bits);
+        }
+    }
+    w.span = _mm256_permutevar8x32_epi32(p, _mm256_set1_epi32(kUp ? 0 : 7));
+    w.row += kUp ? -8 : 8;
+}
+
+template <bool kUp>
+VX_AVX2_FN inline void pairWalk(short const* S, int n, PairWalk& w, PairLanes const& c)
+{
+    int r0 = kUp ? w.row - 7 : w.row;
+    __m256i v = r0 >= 0 && r0 + 8 <= n ? pairs8(_mm256_loadu_si256((__m256i const*)(S + 2 * r0)), c)
+                                       : pairs8Partial(S, n, r0, c);
+    pairWalkBlock<kUp>(v, w);
+}
+
+// Bit k set when row k of 32 has first <= last as stored (before clamping).
+VX_AVX2_FN inline unsigned storedNonEmpty32(short const* S)
+{
+    const __m256i diff = _mm256_set1_epi32((int)0xFFFF0001u);   // first * 1 + last * -1
+    __m256i a = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)S), diff);
+    __m256i b = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)(S + 16)), diff);
+    __m256i c = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)(S + 32)), diff);
+    __m256i d = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)(S + 48)), diff);
+    // Packing works within 128-bit halves: rows 0-3, 8-11 | 4-7, 12-15, then
+    // bytes 0-3, 8-11, 16-19, 24-27 | ..., put in order by the final permute.
+    __m256i ab = _mm256_packs_epi32(a, b), cd = _mm256_packs_epi32(c, d);
+    __m256i e = _mm256_packs_epi16(ab, cd);
+    e = _mm256_permutevar8x32_epi32(e, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+    return ~(unsigned)_mm256_movemask_epi8(_mm256_cmpgt_epi8(e, _mm256_setzero_si256()));
+}
+
+VX_AVX2_FN inline bool nonEmptyRowsAVX2(short const* S, int n, int m, int& i, int& j)
+{
+    i = 0, j = n - 1;
+    for (unsigned bits; i + 32 <= n; i += 32)
+        if ((bits = storedNonEmpty32(S + 2 * i))) {
+            i += __builtin_ctz(bits);
+            break;
+        }
+    while (i < n && rowEmpty(S, i, m)) ++i;
+    if (i == n) return false;
+    for (unsigned bits; j - 31 > i; j -= 32)
+        if ((bits = storedNonEmpty32(S + 2 * (j - 31)))) {
+            j -= __builtin_clz(bits);
+            break;
+        }
+    while (rowEmpty(S, j, m)) --j;
+    return true;
+}
+
+VX_AVX2_FN inline void emptyRangeAVX2(short* D, int from, int to)
+{
+    const __m256i e = _mm256_set1_epi32((int)0xFFFF0000u);   // (0, -1)
+    int x = from;
+    for (; x + 8 <= to; x += 8) _mm256_storeu_si256((__m256i*)(D + 2 * x), e);
+    for (; x < to; ++x) setEmpty(D, x);
+}
+
+VX_AVX2_FN inline void interleaveColumnsAVX2(short* D, int m, int lo, int hi, short const* first, short const* last)
+{
+    emptyRangeAVX2(D, 0, lo);
+    int x = lo;
+    for (; x + 16 <= hi + 1; x += 16) {
+        __m256i a = _mm256_loadu_si256((__m256i const*)(first + x));
+        __m256i b = _mm256_loadu_si256((__m256i const*)(last + x));
+        __m256i u = _mm256_unpacklo_epi16(a, b), v = _mm256_unpackhi_epi16(a, b);
+        _mm256_storeu_si256((__m256i*)(D + 2 * x), _mm256_permute2x128_si256(u, v, 0x20));
+        _mm256_storeu_si256((__m256i*)(D + 2 * x + 16), _mm256_permute2x128_si256(u, v, 0x31));
+    }
+    for (; x <= hi; ++x) {
+        D[2 * x] = first[x];
+        D[2 * x + 1] = last[x];
+    }
+    emptyRangeAVX2(D, hi + 1, m);
+}
+
+VX_AVX2_FN void transposeSliceAVX2(short const* S, int n, short* D, int m, short* F, short* L)
+{
+    int i, j;
+    if (!nonEmptyRowsAVX2(S, n, m, i, j)) {
+        emptyRangeAVX2(D, 0, m);
+        return;
+    }
+    PairLanes c(m);
+    int a = std::max((int)S[2 * i], 0), b = std::max((int)S[2 * j], 0);
+    PairWalk down{F + kPad, _mm256_set1_epi32((int)(((unsigned)-a << 16) | (unsigned)a)), i};
+    PairWalk up{L + kPad, _mm256_set1_epi32((int)(((unsigned)-b << 16) | (unsigned)b)), j};
+    down.T[a] = (short)i;
+    up.T[b] = (short)j;
+    while (down.row <= up.row) {
+        pairWalk<false>(S, n, down, c);
+        pairWalk<true>(S, n, up, c);
+    }
+    int lo = std::min(spanLo(down), spanLo(up)), hi = std::max(spanHi(down), spanHi(up));
+    while (spanLo(down) != lo || spanHi(down) != hi) pairWalk<false>(S, n, down, c);
+    while (spanLo(up) != lo || spanHi(up) != hi) pairWalk<true>(S, n, up, c);
+    interleaveColumnsAVX2(D, m, lo, hi, down.T, up.T);
+}
+
+#endif
 
 #endif
 
@@ -414,6 +667,9 @@ bool VX_ClippingBoundsManager::TransposeCBounds()
         short* dst = new short[2 * pairs];
 #if defined(__SSE2__)
         bool useSSE2 = (VX_CPU_ID() & VX_CPU_SSE2) && nx <= kMaxVectorDim && ny <= kMaxVectorDim;
+#if defined(VX_HAVE_AVX2_TRANSPOSE)
+        bool useAVX2 = useSSE2 && (VX_CPU_ID() & VX_CPU_AVX2);
+#endif
 #endif
 #pragma omp parallel if (pairs >= kParallelPairs)
         {
@@ -425,6 +681,12 @@ bool VX_ClippingBoundsManager::TransposeCBounds()
                 short const* S = src + 2 * (long long)z * nx;
                 short* D = dst + 2 * (long long)z * ny;
 #if defined(__SSE2__)
+#if defined(VX_HAVE_AVX2_TRANSPOSE)
+                if (useAVX2) {
+                    transposeSliceAVX2(S, nx, D, ny, scratch.data(), scratch.data() + ny + 2 * kPad);
+                    continue;
+                }
+#endif
                 if (useSSE2) {
                     transposeSliceSSE2(S, nx, D, ny, scratch.data(), scratch.data() + ny + 2 * kPad);
                     continue;

@@ -181,7 +181,7 @@ TEST(VX_ClippingBoundsManager, CalcStopsAtFirstFailureAndSkipsInactive)
 TEST(VX_ClippingBoundsManager, TransposeWalksTheSpan)
 {
     Quiet quiet;
-    for (int mask : {-1, 0}) {
+    for (int mask : {-1, ~VX_CPU_AVX2, 0}) {
         VX_SetCPUIDMask(mask);
         EXPECT_EQ(TransposeByManager({2, 3, 0, -1, 0, 1, 4, 5}, 6, 4, 1),
                   (std::vector<short>{2, 2, 2, 2, 0, 2, 0, 2, 3, 3, 3, 3}));
@@ -191,9 +191,10 @@ TEST(VX_ClippingBoundsManager, TransposeWalksTheSpan)
 }
 
 // Random rows, some empty, some reaching past the slice (read clamped): the
-// vector path equals the scalar one, on sizes that leave every block tail. Odd
-// cases hold a disc cut by a half-plane in every slice: when its rows are in one
-// piece, as the column ranges need, both give the column ranges of the region.
+// vector paths equal the scalar one, on sizes that leave every block tail. Odd
+// cases hold a disc cut by a half-plane, or a stair whose edges move by at most
+// two columns a row, in every slice: when its rows are in one piece, as the
+// column ranges need, both give the column ranges of the region.
 TEST(VX_ClippingBoundsManager, TransposeAgainstScalarAndBruteForce)
 {
     std::mt19937 rng(17);
@@ -208,7 +209,8 @@ TEST(VX_ClippingBoundsManager, TransposeAgainstScalarAndBruteForce)
         float r = 1 + std::max(nx, ny) * 0.6f * (1 + u(rng));
         float pa = u(rng), pb = u(rng), pd = u(rng) * (nx + ny) * 0.5f;
         std::vector<short> src(2 * ny * nz);
-        bool chained = t % 2;   // the disc's rows in one piece
+        bool chained = t % 2;   // the region's rows in one piece
+        int sf = 0, sl = -1, sMid = 0;
         for (int z = 0; z < nz; ++z)
             for (int y = 0, prev = -1; y < ny; ++y) {
                 short* row = &src[2 * (z * ny + y)];
@@ -222,10 +224,20 @@ TEST(VX_ClippingBoundsManager, TransposeAgainstScalarAndBruteForce)
                     continue;
                 }
                 int f = nx, l = -1;
-                for (int x = 0; x < nx; ++x) {
-                    float dx = x + 0.5f - cx, dy = y + 0.5f - cy;
-                    if (dx * dx + dy * dy <= r * r && pa * (x + 0.5f - nx / 2) + pb * (y + 0.5f - ny / 2) + pd <= 0)
-                        f = std::min(f, x), l = std::max(l, x);
+                if (t % 4 == 1) {   // a stair: edges move out by 0 to 2 columns a row, then in
+                    if (y == 0) sf = sl = rng() % nx, sMid = rng() % ny;
+                    if (y > 0 && sl >= sf) {
+                        int a = rng() % 3, b = rng() % 3;
+                        y <= sMid ? (sf -= a, sl += b) : (sf += a, sl -= b);
+                        sf = std::max(sf, 0), sl = std::min(sl, nx - 1);
+                    }
+                    if (sl >= sf) f = sf, l = sl;
+                } else {
+                    for (int x = 0; x < nx; ++x) {
+                        float dx = x + 0.5f - cx, dy = y + 0.5f - cy;
+                        if (dx * dx + dy * dy <= r * r && pa * (x + 0.5f - nx / 2) + pb * (y + 0.5f - ny / 2) + pd <= 0)
+                            f = std::min(f, x), l = std::max(l, x);
+                    }
                 }
                 row[0] = (short)(l < 0 ? 0 : f), row[1] = (short)l;
                 if (l < 0) continue;
@@ -234,6 +246,8 @@ TEST(VX_ClippingBoundsManager, TransposeAgainstScalarAndBruteForce)
             }
         VX_SetCPUIDMask(0);
         std::vector<short> want = TransposeByManager(src, nx, ny, nz);
+        VX_SetCPUIDMask(~VX_CPU_AVX2);
+        ASSERT_EQ(TransposeByManager(src, nx, ny, nz), want) << "SSE2, case " << t;
         VX_SetCPUIDMask(-1);
         ASSERT_EQ(TransposeByManager(src, nx, ny, nz), want) << "case " << t;
         for (int z = 0; chained && z < nz; ++z)
