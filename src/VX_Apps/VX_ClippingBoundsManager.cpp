@@ -385,7 +385,7 @@ VX_AVX2_FN inline int spanHi(PairWalk const& w) { return -(short)((unsigned)_mm2
 // One block of 8 rows, as walkBlock: downward rows w.row .. w.row + 7 in pairs
 // 0..7, upward rows w.row - 7 .. w.row in pairs 0..7, walked from pair 7.
 template <bool kUp>
-VX_AVX2_FN inline void pairWalkBlock(__m256i v, PairWalk& w)
+VX_AVX2_FN __attribute__((always_inline)) inline void pairWalkBlock(__m256i v, PairWalk& w)
 {
     const int top = 0x7FFF7FFF, bottom = (int)0x80008000u;
     // Span after each row: running minimum in walk order within each half,
@@ -461,7 +461,7 @@ VX_AVX2_FN inline void pairWalkBlock(__m256i v, PairWalk& w)
 }
 
 template <bool kUp>
-VX_AVX2_FN inline void pairWalk(short const* S, int n, PairWalk& w, PairLanes const& c)
+VX_AVX2_FN __attribute__((always_inline)) inline void pairWalk(short const* S, int n, PairWalk& w, PairLanes const& c)
 {
     int r0 = kUp ? w.row - 7 : w.row;
     __m256i v = r0 >= 0 && r0 + 8 <= n ? pairs8(_mm256_loadu_si256((__m256i const*)(S + 2 * r0)), c)
