@@ -538,11 +538,14 @@ VX_AVX2_FN void transposeSliceAVX2(short const* S, int n, short* D, int m, short
         return;
     }
     PairLanes c(m);
-    int a = std::max((int)S[2 * i], 0), b = std::max((int)S[2 * j], 0);
-    PairWalk down{F + kPad, _mm256_set1_epi32((int)(((unsigned)-a << 16) | (unsigned)a)), i};
-    PairWalk up{L + kPad, _mm256_set1_epi32((int)(((unsigned)-b << 16) | (unsigned)b)), j};
-    down.T[a] = (short)i;
-    up.T[b] = (short)j;
+    // Each walk starts with its first row taken in whole: the same columns as
+    // widening one column at a time from the row's first.
+    int fi = std::max((int)S[2 * i], 0), li = std::min((int)S[2 * i + 1], m - 1);
+    int fj = std::max((int)S[2 * j], 0), lj = std::min((int)S[2 * j + 1], m - 1);
+    PairWalk down{F + kPad, _mm256_set1_epi32((int)(((unsigned)-li << 16) | (unsigned)fi)), i + 1};
+    PairWalk up{L + kPad, _mm256_set1_epi32((int)(((unsigned)-lj << 16) | (unsigned)fj)), j - 1};
+    fillExact(down.T, fi, li, _mm_set1_epi16((short)i));
+    fillExact(up.T, fj, lj, _mm_set1_epi16((short)j));
     while (down.row <= up.row) {
         pairWalk<false>(S, n, down, c);
         pairWalk<true>(S, n, up, c);
