@@ -469,72 +469,11 @@ VX_AVX2_FN __attribute__((always_inline)) inline void pairWalk(short const* S, i
     pairWalkBlock<kUp>(v, w);
 }
 
-// Bit k set when row k of 32 has first <= last as stored (before clamping).
-VX_AVX2_FN inline unsigned storedNonEmpty32(short const* S)
-{
-    const __m256i diff = _mm256_set1_epi32((int)0xFFFF0001u);   // first * 1 + last * -1
-    __m256i a = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)S), diff);
-    __m256i b = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)(S + 16)), diff);
-    __m256i c = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)(S + 32)), diff);
-    __m256i d = _mm256_madd_epi16(_mm256_loadu_si256((__m256i const*)(S + 48)), diff);
-    // Packing works within 128-bit halves: rows 0-3, 8-11 | 4-7, 12-15, then
-    // bytes 0-3, 8-11, 16-19, 24-27 | ..., put in order by the final permute.
-    __m256i ab = _mm256_packs_epi32(a, b), cd = _mm256_packs_epi32(c, d);
-    __m256i e = _mm256_packs_epi16(ab, cd);
-    e = _mm256_permutevar8x32_epi32(e, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
-    return ~(unsigned)_mm256_movemask_epi8(_mm256_cmpgt_epi8(e, _mm256_setzero_si256()));
-}
-
-VX_AVX2_FN inline bool nonEmptyRowsAVX2(short const* S, int n, int m, int& i, int& j)
-{
-    i = 0, j = n - 1;
-    for (unsigned bits; i + 32 <= n; i += 32)
-        if ((bits = storedNonEmpty32(S + 2 * i))) {
-            i += __builtin_ctz(bits);
-            break;
-        }
-    while (i < n && rowEmpty(S, i, m)) ++i;
-    if (i == n) return false;
-    for (unsigned bits; j - 31 > i; j -= 32)
-        if ((bits = storedNonEmpty32(S + 2 * (j - 31)))) {
-            j -= __builtin_clz(bits);
-            break;
-        }
-    while (rowEmpty(S, j, m)) --j;
-    return true;
-}
-
-VX_AVX2_FN inline void emptyRangeAVX2(short* D, int from, int to)
-{
-    const __m256i e = _mm256_set1_epi32((int)0xFFFF0000u);   // (0, -1)
-    int x = from;
-    for (; x + 8 <= to; x += 8) _mm256_storeu_si256((__m256i*)(D + 2 * x), e);
-    for (; x < to; ++x) setEmpty(D, x);
-}
-
-VX_AVX2_FN inline void interleaveColumnsAVX2(short* D, int m, int lo, int hi, short const* first, short const* last)
-{
-    emptyRangeAVX2(D, 0, lo);
-    int x = lo;
-    for (; x + 16 <= hi + 1; x += 16) {
-        __m256i a = _mm256_loadu_si256((__m256i const*)(first + x));
-        __m256i b = _mm256_loadu_si256((__m256i const*)(last + x));
-        __m256i u = _mm256_unpacklo_epi16(a, b), v = _mm256_unpackhi_epi16(a, b);
-        _mm256_storeu_si256((__m256i*)(D + 2 * x), _mm256_permute2x128_si256(u, v, 0x20));
-        _mm256_storeu_si256((__m256i*)(D + 2 * x + 16), _mm256_permute2x128_si256(u, v, 0x31));
-    }
-    for (; x <= hi; ++x) {
-        D[2 * x] = first[x];
-        D[2 * x + 1] = last[x];
-    }
-    emptyRangeAVX2(D, hi + 1, m);
-}
-
 VX_AVX2_FN void transposeSliceAVX2(short const* S, int n, short* D, int m, short* F, short* L)
 {
     int i, j;
-    if (!nonEmptyRowsAVX2(S, n, m, i, j)) {
-        emptyRangeAVX2(D, 0, m);
+    if (!nonEmptyRows(S, n, m, i, j)) {
+        emptyRange(D, 0, m);
         return;
     }
     PairLanes c(m);
@@ -553,7 +492,7 @@ VX_AVX2_FN void transposeSliceAVX2(short const* S, int n, short* D, int m, short
     int lo = std::min(spanLo(down), spanLo(up)), hi = std::max(spanHi(down), spanHi(up));
     while (spanLo(down) != lo || spanHi(down) != hi) pairWalk<false>(S, n, down, c);
     while (spanLo(up) != lo || spanHi(up) != hi) pairWalk<true>(S, n, up, c);
-    interleaveColumnsAVX2(D, m, lo, hi, down.T, up.T);
+    interleaveColumns(D, m, lo, hi, down.T, up.T);
 }
 
 #endif

@@ -41,6 +41,12 @@ inline int extreme(int a, int b)
 // at the ray's integer position + k to lo, and the one a plane further to hi;
 // after the ray: pixel = trunc((float)(lo + ((f * (hi - lo)) >> 15)) * avgScale).
 // (The product is taken in 64 bits, equal to the 32-bit rule wherever that fits.)
+inline short averagePixel(int64_t lo, int64_t hi, int f, float avgScale)
+{
+    int64_t v = lo + ((f * (hi - lo)) >> kWeightBits);
+    return (short)(int)((float)v * avgScale);
+}
+
 template <int Axis>
 void averageLine(short* const* sl, int X, float avgScale, int n, int depth, short* out, int x,
                  int y, int z, int sx, int sy, int sz, int dx, int dy, int dz)
@@ -77,8 +83,7 @@ void averageLine(short* const* sl, int X, float avgScale, int n, int depth, shor
                 hi += lerp(lerp(p0[1], p0[X + 1], fy), lerp(p1[1], p1[X + 1], fy), fz);
             }
         }
-        int64_t v = lo + ((weight(start) * (hi - lo)) >> kWeightBits);
-        out[i] = (short)(int)((float)v * avgScale);
+        out[i] = averagePixel(lo, hi, weight(start), avgScale);
     }
 }
 
@@ -190,10 +195,7 @@ void averageLineSSE2(short* const* sl, int X, float avgScale, int n, int depth, 
         _mm_store_si128((__m128i*)los, lo);
         _mm_store_si128((__m128i*)his, hi);
         _mm_store_si128((__m128i*)fs, weights4(axisCoord));
-        for (int l = 0; l < 4; ++l) {
-            int64_t v = los[l] + ((fs[l] * (int64_t)(his[l] - (int64_t)los[l])) >> kWeightBits);
-            out[i + l] = (short)(int)((float)v * avgScale);
-        }
+        for (int l = 0; l < 4; ++l) out[i + l] = averagePixel(los[l], his[l], fs[l], avgScale);
     }
     averageLine<Axis>(sl, X, avgScale, n - i, depth, out + i, stepAt(x, i, dx), stepAt(y, i, dy),
                       stepAt(z, i, dz), sx, sy, sz, dx, dy, dz);
@@ -314,10 +316,7 @@ VX_AVX2_FN void averageLineAVX2(short* const* sl, int X, float avgScale, int n, 
         _mm256_store_si256((__m256i*)los, lo);
         _mm256_store_si256((__m256i*)his, hi);
         _mm256_store_si256((__m256i*)fs, weights8(axisCoord));
-        for (int l = 0; l < 8; ++l) {
-            int64_t v = los[l] + ((fs[l] * (int64_t)(his[l] - (int64_t)los[l])) >> kWeightBits);
-            out[i + l] = (short)(int)((float)v * avgScale);
-        }
+        for (int l = 0; l < 8; ++l) out[i + l] = averagePixel(los[l], his[l], fs[l], avgScale);
     }
     averageLineSSE2<Axis>(sl, X, avgScale, n - i, depth, out + i, stepAt(x, i, dx), stepAt(y, i, dy),
                           stepAt(z, i, dz), sx, sy, sz, dx, dy, dz);
