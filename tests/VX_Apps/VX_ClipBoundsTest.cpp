@@ -38,7 +38,6 @@ const Case kCases[] = {
     {1e-6f, 0, 1e-7f, 4, -1, 0, "-*4"},  // as a line (x <= -0.1) it would keep column 0
     // Horizontal: r = trunc((b > 0) + 0.5 - d / b) - 1; b > 0 empties r..H-1, b < 0 empties 0..r.
     {0, 1, -2.5f, 6, -1, 0, "0-7*3 -*3"},  // y <= 2.5: r = 3
-    {0, 2, -4.8f, 6, -1, 0, "0-7*2 -*4"},  // y <= 2.4: r = 2
     {0, -1, 2.5f, 6, -1, 0, "-*3 0-7*3"},  // y >= 2.5: r = 2, so row 2 (centre 2.5) goes too
     {0, -1, 100, 6, -1, 0, "-*6"},         // r clamped to H - 1
     {0, 1, 100, 6, -1, 0, "-*6"},          // r clamped to 0
@@ -54,12 +53,9 @@ const Case kCases[] = {
     {1, 5e-7f, -2.5002f, 1000, -1, 0, "0-1*1000"},    // x0 = 2.4997: c = 1
     {1, -5e-7f, -2.5002f, 1000, -1, 0, "0-2*1000"},   // a * b < 0: x0 = 2.5002, c = 2
     {-1, -5e-7f, 2.4998f, 1000, -1, 0, "3-7*1000"},   // x0 = 2.5003: c = 3
-    // General: c = trunc((j + 0.5) * s + X0 + 0.5), s = -b / a, X0 = -d / a; see also the random lines.
-    {-1, 1, 3, 6, -1, 0, "4-7 5-7 6-7 7-7 -*2"},      // x >= y + 3: left = c; c = 8 and 9 leave no pixel
-    {40, -40, -48, 4, 1, 5, "1-1 1-2 1-3 1-4"},       // scaled, no reset: the tighter of old and new
-    // A line missing the image keeps or empties all by the image's centre.
-    {1, 1, -100, 6, 1, 5, "1-5*6"},
-    {1, 1, 100, 6, 1, 5, "-*6"},
+    // General lines are checked on random lines; here without reset: the tighter of old and new.
+    {40, -40, -48, 4, 1, 5, "1-1 1-2 1-3 1-4"},
+    {1, 1, -100, 6, 1, 5, "1-5*6"},  // missing the image with its centre inside
 };
 
 TEST(VX_ClipBounds, RowsByTheRule)

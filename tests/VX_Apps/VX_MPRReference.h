@@ -32,14 +32,13 @@ inline int Mad(int a, int k, int s) { return (int)((uint32_t)a + (uint32_t)k * (
 template <class F>
 std::vector<short> BothPaths(F f)
 {
-    struct Path { int mask, threads; char const* name; };
-    const Path paths[3] = {{0, 1, "scalar path on 1 thread"}, {~VX_CPU_AVX2, 4, "SSE2 path on 4 threads"},
-                           {-1, 4, "widest path on 4 threads"}};
+    const int masks[3] = {0, ~VX_CPU_AVX2, -1}, threads[3] = {1, 4, 4};
+    char const* names[3] = {"scalar path on 1 thread", "SSE2 path on 4 threads", "widest path on 4 threads"};
     std::vector<short> out[3];
     int saved = omp_get_max_threads();
     for (int p = 0; p < 3; ++p) {
-        VX_SetCPUIDMask(paths[p].mask);
-        omp_set_num_threads(paths[p].threads);
+        VX_SetCPUIDMask(masks[p]);
+        omp_set_num_threads(threads[p]);
         out[p] = f();
     }
     VX_SetCPUIDMask(-1);
@@ -47,8 +46,8 @@ std::vector<short> BothPaths(F f)
     for (int p = 1; p < 3; ++p) {
         auto bad = std::mismatch(out[0].begin(), out[0].end(), out[p].begin());
         if (bad.first != out[0].end())
-            ADD_FAILURE() << "value " << bad.first - out[0].begin() << ": " << paths[0].name << " " << *bad.first
-                          << ", " << paths[p].name << " " << *bad.second;
+            ADD_FAILURE() << "value " << bad.first - out[0].begin() << ": " << names[0] << " " << *bad.first
+                          << ", " << names[p] << " " << *bad.second;
     }
     return out[2];
 }
@@ -124,7 +123,6 @@ inline int TriLin(Vol& v, int const* p)  // x, then y, then z
 // Inv(volBox int->phys * trans * imageBox phys->int).
 struct Frame {
     int start[3], col[3], row[3];
-    bool ok = true;
     Frame(VX_MPR const& m, bool shiftHalf)
     {
         VX_Mat B = (m.volBox.GetIntToPhysTrans() * m.trans * m.imageBox.GetPhysToIntTrans()).Inv();
@@ -132,7 +130,6 @@ struct Frame {
         p *= B;
         for (int a = 0; a < 3; ++a) {
             p[a] -= shiftHalf ? 0.5f : 0.0f;
-            ok &= !(std::fabs(p[a]) > 5000.0f);
             start[a] = Fix(p[a]), col[a] = Fix(B.m[0].f[a]), row[a] = Fix(B.m[1].f[a]);
         }
     }
@@ -188,11 +185,21 @@ inline short ExtremeRay(Vol& v, bool isMax, bool rayMajor, int depth, int const*
     return (short)r;
 }
 
-// Compares rig.out with one(vol, p) inside bounds, with fill elsewhere. Returns
-// the pixels inside, or -1 at the first difference or sample outside the volume.
+// Checks boundingRect against the library's own bounds (both faces of a slab), then
+// compares rig.out with one(vol, p) inside them, the frame's start moved by -n steps s
+// for a slab, and with fill elsewhere. Returns the pixels inside, or -1 at the first
+// difference or sample outside the volume.
 template <class F>
-long CompareImage(Rig const& rig, VX_VolData const& vol, Frame const& f, short const* bounds, short fill, F one)
+long CompareImage(Rig& rig, VX_VolData const& vol, short fill, int n, int const* s, F one)
 {
+    VX_MPR& m = rig.mpr;
+    std::vector<short> bounds(2 * rig.H);
+    float half = std::max(m.slabThickness * 0.5f, 0.0f);
+    m.PrepareCBounds(bounds.data(), half, true);
+    if (half > 0) m.PrepareCBounds(bounds.data(), -half, false);
+    EXPECT_EQ(m.boundingRect, VX_MPR::computeBoundingRect(rig.W, rig.H, bounds.data()));
+    Frame f(m, m.interpolation == 1);
+    for (int a = 0; a < 3 && s; ++a) f.start[a] = Mad(f.start[a], -n, s[a]);
     Vol v{vol};
     long inside = 0;
     for (int j = 0; j < rig.H; ++j)

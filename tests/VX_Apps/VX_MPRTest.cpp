@@ -43,34 +43,18 @@ protected:
 TEST_F(VX_MPRTest, VoxelCentresMarginsAndMisses)
 {
     // The trilinear margin (0.51 voxel) drops the outermost pixel centres.
-    for (int k = 1; k <= Z - 2; ++k) {
-        Axial(k + 0.5f);
-        ExpectSlice(k, VX_Rect(1, 1, X - 2, Y - 2));
-    }
+    Axial(2.5f);
+    ExpectSlice(2, VX_Rect(1, 1, X - 2, Y - 2));
     Axial(0.5f);  // the centre of slice 0 lies inside the trilinear margin,
     ExpectSlice(0, VX_Rect());
     mpr.interpolation = 0;  // but not the nearest-neighbour one, a hundredth of a voxel;
     Calc();                 // left = trunc(0.01 - 0.5) + 1 still drops column 0
     ExpectSlice(0, VX_Rect(1, 0, X - 1, Y));
-    for (float at : {Z + 3.0f, -3.0f}) {  // above and below the volume
-        Axial(at);
-        ExpectSlice(0, VX_Rect());
-    }
     mpr.interpolation = 1;
-    Axial(2.5f, 100.0f);  // beside it
-    ExpectSlice(0, VX_Rect());
-    // 0.02 voxel above slice 0: fz = (0.02 * 2^18) >> 3 = 655, and the z lerp adds (100 * 655) >> 15 = 1.
-    Axial(0.52f);
-    EXPECT_EQ(Out(3, 2), V(3, 2, 0) + 1);
-    VX_PhysBox p(5, 4, 1);
-    for (int wh = 0; wh < 2; ++wh) {  // W or H 0 writes nothing and empties the rect
-        mpr.imageBox = VX_Box(p, wh ? 0 : 5, wh ? 4 : 0, 1);
-        std::vector<short> guard(8, 777);
-        mpr.output = guard.data();
-        mpr.boundingRect = VX_Rect(1, 2, 3, 4);
-        mpr.CalcRaster();
-        EXPECT_EQ(guard, std::vector<short>(8, 777));
-        EXPECT_EQ(mpr.boundingRect, VX_Rect());
+    float misses[3][2] = {{Z + 3.0f, 0}, {-3.0f, 0}, {2.5f, 100}};  // above, below and beside the volume
+    for (auto const& at : misses) {
+        Axial(at[0], at[1]);
+        ExpectSlice(0, VX_Rect());
     }
 }
 
@@ -96,16 +80,12 @@ TEST_F(VX_MPRTest, ObliquePlanesMatchTheRule)
         }
         VX_Mat rot = VX_RotMat(ang(rng), 0) * VX_RotMat(ang(rng), 1) * VX_RotMat(ang(rng), 2);
         vxref::PlaceImage(mpr, rot, 24, 20, sp(rng), VX_3Vec(shift(rng), shift(rng), shift(rng), 0));
+        mpr.slabThickness = plane % 2 ? -5.0f : 0.0f;  // a negative thickness is a section too
         for (int interp = 1; interp >= 0; --interp) {
             SCOPED_TRACE(testing::Message() << "plane " << plane << " interpolation " << interp);
             mpr.interpolation = interp;
             Calc();
-            std::vector<short> bounds(2 * H);
-            mpr.PrepareCBounds(bounds.data(), 0, true);
-            EXPECT_EQ(mpr.boundingRect, VX_MPR::computeBoundingRect(W, H, bounds.data()));
-            vxref::Frame f(mpr, interp == 1);
-            ASSERT_TRUE(f.ok);
-            long n = vxref::CompareImage(*this, *rnd, f, bounds.data(), kFill, [&](vxref::Vol& v, int const* p) {
+            long n = vxref::CompareImage(*this, *rnd, kFill, 0, nullptr, [&](vxref::Vol& v, int const* p) {
                 return interp ? vxref::TriLin(v, p) : v.At(p[0] >> 18, p[1] >> 18, p[2] >> 18);
             });
             ASSERT_GE(n, 0);
@@ -119,8 +99,8 @@ TEST_F(VX_MPRTest, ObliquePlanesMatchTheRule)
 
 // Degenerate views, direct and through the aligned picture, must neither write past the
 // image, read outside the volume (a failure under the sanitizers) nor hang: singular or
-// NaN transforms, slabs from 0.001 mm to infinity, one-voxel volumes, empty images,
-// pixels of zero size, far larger or far smaller than voxels.
+// NaN transforms, slabs from 0.001 mm to infinity, one-voxel volumes, empty images (an
+// empty rect when direct), pixels of zero size, far larger or far smaller than voxels.
 TEST(VX_MPRHostile, DegenerateViewsStayInsideTheBuffers)
 {
     std::mt19937 rng(11);
@@ -144,8 +124,10 @@ TEST(VX_MPRHostile, DegenerateViewsStayInsideTheBuffers)
             r.mpr.interpolation = mode % 5 != 0;
             r.mpr.slabThickness = mode % 5 >= 2 ? thick[rng() % 9] : 0;
             r.mpr.slabMIP = mode % 5 == 3, r.mpr.slabMin = mode % 5 == 4;
+            r.mpr.boundingRect = VX_Rect(1, 2, 3, 4);
             r.mpr.CalcRaster();
             EXPECT_EQ(o.back(), 777) << "trial " << t << " mode " << mode;
+            EXPECT_TRUE(W * H > 0 || r.mpr.rotate || r.mpr.boundingRect == VX_Rect()) << t;  // nothing sampled
         }
     }
 }

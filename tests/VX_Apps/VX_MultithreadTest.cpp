@@ -34,12 +34,8 @@ bool CsHeldElsewhere() {
     }).get();
 }
 
-// What the slow pass does once entered: return at once, wait for release,
-// or poll the interrupt until it is raised (or release comes).
-enum class Slow { Return, Block, Poll };
-
 struct Probe {
-    Slow mode = Slow::Return;
+    bool poll = false;   // the slow pass polls the interrupt until it is raised (or release comes)
     bool raise = false;  // the fast pass raises the interrupt before the slow pass starts
     VX_Multithread* poller = nullptr;
     std::atomic<int> fastRuns{0}, slowDone{0}, slowStopped{0};
@@ -59,16 +55,15 @@ bool Calculate(void* arg, int quality) {
     }
     p.slowEntered = true;
     bool stopped = false;
-    if (p.mode == Slow::Block) WaitFor([&] { return p.release.load(); });
-    if (p.mode == Slow::Poll) WaitFor([&] { return (stopped = p.poller->InterruptRequest(0)) || p.release; });
+    if (p.poll) WaitFor([&] { return (stopped = p.poller->InterruptRequest(0)) || p.release; });
     ++(stopped ? p.slowStopped : p.slowDone);
     return true;
 }
 
 std::atomic<int> g_flushCalls{0}, g_flushPending{0};
 
-std::string const kStopLog = "VX_Multithread:block requesting interrupt...\nVX_Multithread:block... received.\n";
-std::string const kCalcLog = "VX_Multithread:requesting interrupt...\nStopBackgroundWait(3746)\n" + kStopLog +
+std::string const kBlock = "VX_Multithread:block requesting interrupt...\n", kBlocked = "VX_Multithread:block... received.\n";
+std::string const kCalcLog = "VX_Multithread:requesting interrupt...\nStopBackgroundWait(3746)\n" + kBlock + kBlocked +
                              "VX_Multithread:... received.\n";
 std::string const kBgStart = "VX_Multithread:now starting bg thread\n", kEntry = "VX_Multithread:CalcSlow before cs\n",
                   kBgRun = "VX_Multithread:bg thread started\n", kBgEnd = "VX_Multithread:bg thread terminated\n";
@@ -117,44 +112,35 @@ TEST_F(VX_MultithreadTest, CalcWithBgDisabledRunsOnlyFastPass) {
     EXPECT_EQ(Captured([&] { frame.Report(), frame.InterruptRequest(42); }), "");
 }
 
-TEST_F(VX_MultithreadTest, CalcRunsSlowPassOnAnotherThreadWhileBgAlive) {
-    probe.mode = Slow::Block;
+// The slow pass runs on another thread, inside the section, until a stop: that
+// drops the pending events, waits for the polling pass and leaves the flag set.
+TEST_F(VX_MultithreadTest, SlowPassRunsInBackgroundUntilStopped) {
+    probe.poll = true;
     frame.SetDebugMode(true);
     poller.SetDebugMode(true);
     CaptureStdout();
     frame.Calc(Calculate, &probe);
     EXPECT_TRUE(WaitFor([&] { return probe.slowEntered.load(); }));
-    EXPECT_TRUE(frame.IsBGAlive() && !frame.InterruptRequest(0) && VX_Multithread::s_counter == 0);
+    EXPECT_TRUE(frame.IsBGAlive() && !poller.InterruptRequest(0) && VX_Multithread::s_counter == 0);
     poller.Report();
-    probe.release = true;
-    bool const idle = WaitIdle();
-    EXPECT_EQ(GetCapturedStdout(), kCalcLog + kBgStart + kEntry + kBgRun + "VX_Multithread: Bg is alive.\n" + kBgEnd);
-    ASSERT_TRUE(idle);
-    EXPECT_TRUE(probe.id[0] == std::this_thread::get_id() && probe.id[1] != probe.id[0]);
-    EXPECT_TRUE(probe.insideCs[0] && probe.insideCs[1] && probe.slowDone == 1);
-}
-
-TEST_F(VX_MultithreadTest, StopWaitsForPollingPassAndLeavesFlagSet) {
-    probe.mode = Slow::Poll;
-    CaptureStdout();  // only `host` below prints
-    frame.Calc(Calculate, &probe);
-    EXPECT_TRUE(WaitFor([&] { return probe.slowEntered.load(); }) && frame.IsBGAlive());
     VX_Multithread::SetEventFlushHook([](int id) { return id == 1036 && ++g_flushCalls && g_flushPending-- > 0; });
     g_flushCalls = 0, g_flushPending = 3;
     frame.StopBackgroundWait(0);
     EXPECT_TRUE(!frame.IsBGAlive() && probe.slowStopped == 1 && g_flushCalls == 4);
+    EXPECT_EQ(GetCapturedStdout(),
+              kCalcLog + kBgStart + kEntry + kBgRun + "VX_Multithread: Bg is alive.\n" + kBlock + kBgEnd + kBlocked);
+    EXPECT_TRUE(probe.id[0] == std::this_thread::get_id() && probe.id[1] != probe.id[0] && probe.insideCs[1]);
     // A stopped calculation stays stopped, for every instance, until the next
     // Calc clears the flag before its fast pass.
     EXPECT_TRUE(WaitIdle() && frame.InterruptRequest(0) && poller.InterruptRequest(0));
+    frame.SetDebugMode(false);
     probe.slowEntered = false;
     frame.Calc(Calculate, &probe);
     EXPECT_TRUE(!probe.fastSawFlag && WaitFor([&] { return probe.slowEntered.load(); }));
     VX_Multithread host;  // SetBgEnabled runs the stop sequence too
     host.SetDebugMode(true);
-    host.SetBgEnabled(false);
-    bool const idle = WaitIdle();
-    EXPECT_EQ(GetCapturedStdout(), "StopBackgroundWait(1)\n" + kStopLog);
-    ASSERT_TRUE(idle);
+    EXPECT_EQ(Captured([&] { host.SetBgEnabled(false); }), "StopBackgroundWait(1)\n" + kBlock + kBlocked);
+    ASSERT_TRUE(WaitIdle());
     EXPECT_TRUE(probe.slowStopped == 2 && g_flushCalls == 6 && !VX_Multithread::s_bg_enabled);
     EXPECT_TRUE(poller.InterruptRequest(0));
     frame.SetInterruptRequest(false);

@@ -13,18 +13,19 @@ namespace {
 
 using Grid = std::vector<unsigned char>;  // one byte per voxel below X, x fastest
 
-Grid Voxels(VX_BitVol& v, int z0 = 0)
+Grid Voxels(VX_BitVol& v)
 {
     Grid g;
-    for (int z = z0; z < v.GetZ(); ++z)
+    for (int z = 0; z < v.GetZ(); ++z)
         for (int y = 0; y < v.GetY(); ++y)
             for (int x = 0; x < v.GetX(); ++x) g.push_back((unsigned char)v.GetBit(x, y, z));
     return g;
 }
 
-bool TailsClear(VX_BitVol& v, int z0 = 0)
+// The tails of every slice, or of slice `only`.
+bool TailsClear(VX_BitVol& v, int only = -1)
 {
-    for (int z = z0; z < v.GetZ(); ++z)
+    for (int z = std::max(only, 0); z < (only < 0 ? v.GetZ() : only + 1); ++z)
         for (int y = 0; y < v.GetY(); ++y)
             for (int x = v.GetX(); x < v.GetWordsPerLine() * 32; ++x)
                 if (v.GetBit(x, y, z)) return false;
@@ -78,14 +79,25 @@ std::vector<int> Contour(VX_BitVol& v, int x, int y, std::initializer_list<std::
     return xy;
 }
 
+// Sets as many threads as there are processors, at least two, while alive.
+class VX_BitVolMorphologyTeam : public testing::Test {
+protected:
+    void SetUp() override { omp_set_num_threads(std::max(2, omp_get_num_procs())); }
+    void TearDown() override { omp_set_num_threads(saved); }
+    int saved = omp_get_max_threads();
+};
+
+// The last size has enough words for the threaded path.
+const int kSizes[][3] = {{1, 9, 2}, {31, 9, 2}, {32, 9, 2}, {33, 9, 2}, {65, 9, 2}, {70, 256, 90}};
+
 }  // namespace
 
-TEST(VX_BitVolMorphology, DilateErodeMatchVoxelRule)
+TEST_F(VX_BitVolMorphologyTeam, DilateErodeMatchVoxelRule)
 {
     std::mt19937 rng(7);
-    for (int X : {1, 31, 32, 33, 65})
+    for (auto const& d : kSizes)
         for (bool dense : {false, true}) {
-            VX_BitVol src(X, 5, 4), dst(X, 5, 4);
+            VX_BitVol src(d[0], d[1], d[2]), dst(d[0], d[1], d[2]);
             RandomFill(src, rng, dense);
             for (bool erode : {false, true}) {
                 Grid want = RefMorph(src, erode, false);
@@ -94,58 +106,40 @@ TEST(VX_BitVolMorphology, DilateErodeMatchVoxelRule)
                 erode ? same.Erode6() : same.Dilate6();
                 erode ? self.Erode6(&self) : self.Dilate6(&self);
                 for (VX_BitVol* v : {&dst, &same, &self})
-                    EXPECT_TRUE(Voxels(*v) == want && TailsClear(*v) && v->clean) << X << " erode " << erode;
+                    EXPECT_TRUE(Voxels(*v) == want && TailsClear(*v) && v->clean) << d[0] << " erode " << erode;
             }
             Grid want = RefMorph(src, true, true);
             src.ErodeXY();
-            EXPECT_TRUE(Voxels(src) == want && TailsClear(src) && src.clean) << X;
+            EXPECT_TRUE(Voxels(src) == want && TailsClear(src) && src.clean) << d[0];
         }
 }
 
-TEST(VX_BitVolMorphology, LargeVolumesSameOnOneAndAllThreads)
-{
-    std::mt19937 rng(1);
-    VX_BitVol src(70, 256, 90);  // enough words for the threaded path
-    RandomFill(src, rng);
-    auto run = [&](int threads) {  // every word of the (clean) results
-        int saved = omp_get_max_threads();
-        omp_set_num_threads(threads);
-        VX_BitVol d(70, 256, 90), e(70, 256, 90), xy(src);
-        d.Dilate6(&src), e.Erode6(&src), xy.ErodeXY();
-        std::unique_ptr<VX_BitVol> h(src.GetSlicewiseSimplyConnected());
-        omp_set_num_threads(saved);
-        std::vector<unsigned int> all;
-        for (VX_BitVol* v : {&d, &e, &xy, h.get()})
-            for (int z = 0; z < 90; ++z) all.insert(all.end(), v->GetSliceP(z), v->GetSliceP(z) + v->GetWordsPerSlice());
-        return all;
-    };
-    EXPECT_TRUE(run(1) == run(std::max(2, omp_get_num_procs())));
-}
-
-TEST(VX_BitVolMorphology, HolesFilledAndFloods)
+TEST_F(VX_BitVolMorphologyTeam, HolesFilledAndFloods)
 {
     // Random slices with dirty tails: holes against a flood from the border, and
     // Fill2D of slice 1 against a flood from the seed (slice 0 untouched; a set
     // seed clears the slice).
     std::mt19937 rng(3);
-    for (int X : {1, 33, 64, 70}) {
-        VX_BitVol r(X, 9, 2);
+    for (auto const& d : kSizes) {
+        const int X = d[0], Y = d[1], S = X * Y;
+        VX_BitVol r(X, Y, d[2]);
         RandomFill(r, rng);
-        X == 64 ? r.SetBitOn(X / 2, 4, 1) : r.SetBitOff(X / 2, 4, 1);  // the seed set for 64 only
+        X == 32 ? r.SetBitOn(X / 2, 4, 1) : r.SetBitOff(X / 2, 4, 1);  // the seed set for 32 only
         std::unique_ptr<VX_BitVol> h(r.GetSlicewiseSimplyConnected());
         Grid g = Voxels(r), got = Voxels(*h);
         std::vector<std::pair<int, int>> border;
-        for (int x = 0; x < X; ++x) border.insert(border.end(), {{x, 0}, {x, 8}});
-        for (int y = 0; y < 9; ++y) border.insert(border.end(), {{0, y}, {X - 1, y}});
-        for (int z = 0; z < 2; ++z) {
-            Grid outside = RefFlood(Grid(g.begin() + X * 9 * z, g.end()), X, 9, 0, border);
-            for (int i = 0; i < X * 9; ++i) ASSERT_EQ(got[i + X * 9 * z], !outside[i]) << X << " " << i;
+        for (int x = 0; x < X; ++x) border.insert(border.end(), {{x, 0}, {x, Y - 1}});
+        for (int y = 0; y < Y; ++y) border.insert(border.end(), {{0, y}, {X - 1, y}});
+        for (int z = 0; z < d[2]; ++z) {
+            Grid outside = RefFlood(Grid(g.begin() + S * z, g.begin() + S * (z + 1)), X, Y, 0, border);
+            for (int i = 0; i < S; ++i) ASSERT_EQ(got[i + S * z], !outside[i]) << X << " " << z << " " << i;
         }
         EXPECT_TRUE(TailsClear(*h) && h->clean);
         r.Fill2D(X / 2, 4, 1);
         Grid after = Voxels(r);
-        EXPECT_TRUE(Voxels(r, 1) == RefFlood(Grid(g.begin() + X * 9, g.end()), X, 9, 0, {{X / 2, 4}}) &&
-                    TailsClear(r, 1) && std::equal(g.begin(), g.begin() + X * 9, after.begin()))
+        EXPECT_TRUE(std::equal(after.begin() + S, after.begin() + 2 * S,
+                               RefFlood(Grid(g.begin() + S, g.begin() + 2 * S), X, Y, 0, {{X / 2, 4}}).begin()) &&
+                    TailsClear(r, 1) && std::equal(g.begin(), g.begin() + S, after.begin()))
             << X;
     }
 
@@ -164,15 +158,11 @@ TEST(VX_BitVolMorphology, HolesFilledAndFloods)
 TEST(VX_BitVolMorphology, PolygonFillByCentres)
 {
     VX_BitVol v(40, 12, 1);
-    struct Case { std::vector<float> p; int want; };
-    const Case cases[] = {{{0, 0, 8, 0, 0, 8}, 28},                          // i + j + 1 < 8: the edge is out
-                          {{-5, -5, 100, -5, 100, 100, -5, 100}, 40 * 12}};  // clipped
-    for (Case const& k : cases) {
-        v.Clear();
-        v.Fill2DPolygon(k.p.data(), (int)k.p.size() / 2, 0);
-        EXPECT_TRUE(v.CountBits() == k.want && TailsClear(v)) << k.want;
-    }
-    // Random polygons against the crossing test at every centre.
+    const float tri[] = {0, 0, 8, 0, 0, 8};  // i + j + 1 < 8: a centre on the edge is out
+    v.Clear();
+    v.Fill2DPolygon(tri, 3, 0);
+    EXPECT_EQ(v.CountBits(), 28);
+    // Random polygons, clipped, against the crossing test at every centre.
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> u(-3.0f, 43.0f);
     for (int t = 0; t < 20; ++t) {
@@ -217,14 +207,9 @@ TEST(VX_BitVolMorphology, ContourTracesOuterBorderClockwise)
     VX_BitVol v(40, 8, 1);
     v.Clear();
     EXPECT_EQ(v.Extract2DContour(0, 0, 0, nullptr, 0) + v.Extract2DContour(-1, 0, 0, nullptr, 0), 0);
-    EXPECT_EQ(Contour(v, 20, 1, {{20, 1}}), (std::vector<int>{20, 1}));
-    v.Clear();
     for (int y = 2; y <= 4; ++y) v.SetLineOn(1, y, 0, 3);
     v.SetBitOff(2, 3, 0);  // a hole does not show; (30, 0) is another region, earlier in row order
     EXPECT_EQ(Contour(v, 3, 4, {{30, 0}}), (std::vector<int>{1, 2, 2, 2, 3, 2, 3, 3, 3, 4, 2, 4, 1, 4, 1, 3}));
-    v.Clear();  // an L across a word boundary
-    EXPECT_EQ(Contour(v, 33, 3, {{31, 1}, {31, 2}, {31, 3}, {32, 3}, {33, 3}}),
-              (std::vector<int>{31, 1, 31, 2, 32, 3, 33, 3, 32, 3, 31, 3, 31, 2}));
     v.Clear();  // a diagonal and a line are walked both ways
     EXPECT_EQ(Contour(v, 7, 7, {{5, 5}, {6, 6}, {7, 7}, {9, 5}, {10, 5}, {11, 5}}),
               (std::vector<int>{5, 5, 6, 6, 7, 7, 6, 6}));

