@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <cmath>
 #include <random>
 #include <string>
 #include <memory>
@@ -252,4 +253,44 @@ TEST(VX_ClippingBoundsManager, TransposeAgainstScalarAndBruteForce)
         checked += chained;
     }
     EXPECT_GT(checked, 300);
+}
+
+// A sphere cut by a plane on an anisotropic box, fresh in both arrangements, against the
+// voxel centres; the other arrangement, by transposition, holds the column ranges.
+TEST(VX_ClippingBoundsManager, SphereAndPlaneAgainstVoxelCentres)
+{
+    VX_PhysBox pb(24.f, 16.f, 15.f);   // 1.2 x 1 x 1.5 mm voxels
+    VX_Box box(pb, 20, 16, 10);
+    VX_ClippingObjectManager com(true);
+    auto sphere = com.GetClippingSphere();
+    auto plane = com.GetClippingPlane();
+    sphere->SetCenter(VX_3Vec(12.5f, 8.f, 7.2f, 1.f)), sphere->SetRadius(7.f), sphere->SetActive(true);
+    plane->screenAnchored = false;
+    plane->SetPlane(VX_3Vec(0.6f, -0.3f, 0.4f, -9.f)), plane->SetActive(true);
+    VX_3Vec q = plane->GetPlane();
+    float qn = std::sqrt(q * q);
+    // Truncation and the plane's half-voxel shift stay within this of the surface.
+    float tol = 1.5f * std::sqrt(1.2f * 1.2f + 1 + 1.5f * 1.5f);
+    for (int tr = 0; tr < 2; ++tr) {
+        Manager m;
+        short *a = nullptr, *o = nullptr;
+        vxtest::Captured([&] { m.SetBox(box), m.SetClippingObjectManager(&com), m.SetTransposed(tr == 1); });
+        vxtest::Captured([&] { a = m.GetCBounds(true); });
+        ASSERT_NE(a, nullptr);
+        VX_Box b = m.GetBox();
+        int nx = b.GetX(), ny = b.GetY(), nz = b.GetZ();
+        for (int z = 0; z < nz; ++z)
+            for (int y = 0; y < ny; ++y)
+                for (int x = 0; x < nx; ++x) {
+                    VX_3Vec c = VX_3Vec(x + 0.5f, y + 0.5f, z + 0.5f, 1.f) * b.GetIntToPhysTrans();
+                    float dist = std::max((c - sphere->GetCenter()).Abs() - 7.f, (q * c + q.w) / qn);
+                    short const* p = a + 2 * (z * ny + y);
+                    EXPECT_TRUE(std::fabs(dist) <= tol || (p[0] <= x && x <= p[1]) == (dist < 0))
+                        << x << " " << y << " " << z;
+                }
+        std::vector<short> here = Pairs(a, ny * nz);
+        vxtest::Captured([&] { m.SetTransposed(tr == 0), o = m.GetCBounds(true); });
+        for (int z = 0; z < nz; ++z)
+            ASSERT_EQ(Pairs(o + 2 * z * nx, nx), ColumnRange(&here[2 * z * ny], ny, nx)) << z;
+    }
 }
